@@ -1,0 +1,292 @@
+#include "cpx_expressions/cpx_expression_engine.h"
+
+#include <unordered_map>
+
+#include "cpx_expressions/cpx_operator_registry.h"
+
+namespace vx {
+
+template class CpxTupleFieldRef<CpxExpressionTypes>;
+template class CpxExpressionOperator<CpxExpressionTypes>;
+template class CpxTupleKey<CpxExpressionTypes>;
+template class CpxExpressionContext<CpxExpressionTypes>;
+
+// ---- names ----
+
+namespace {
+const XmlQName kFieldRefTypes[kTupleSetKindCount] = {
+    XmlQName("InputTupleFieldRefType"), XmlQName("OutputTupleFieldRefType"),
+    XmlQName("ConstantTupleFieldRefType"), XmlQName("TemporaryTupleFieldRefType"),
+    XmlQName("VariableTupleFieldRefType")};
+}  // namespace
+
+const char* TupleSetKindName(CpxTupleSetKind kind) {
+  static const char* const kNames[kTupleSetKindCount] = {"input", "output", "constant",
+                                                         "temporary", "variable"};
+  return kNames[static_cast<unsigned>(kind)];
+}
+
+const XmlQName& FieldRefXsiType(CpxTupleSetKind kind) {
+  return kFieldRefTypes[static_cast<unsigned>(kind)];
+}
+
+std::optional<CpxTupleSetKind> FieldRefKindOf(const XmlQName& xsi_type) {
+  for (unsigned i = 0; i < kTupleSetKindCount; ++i)
+    if (kFieldRefTypes[i] == xsi_type) return static_cast<CpxTupleSetKind>(i);
+  return std::nullopt;
+}
+
+std::string OperatorDisplayName(const std::type_info& type) {
+  int status = 0;
+  char* demangled = abi::__cxa_demangle(type.name(), nullptr, nullptr, &status);
+  std::string name = status == 0 && demangled ? demangled : type.name();
+  std::free(demangled);
+  // Drop the namespace qualification of the class itself (not of template
+  // arguments) and the common prefix.
+  size_t angle = name.find('<');
+  size_t colons = name.rfind("::", angle == std::string::npos ? name.size() : angle);
+  if (colons != std::string::npos) name.erase(0, colons + 2);
+  static const std::string kPrefix = "CpxExpressionOperator_";
+  if (name.compare(0, kPrefix.size(), kPrefix) == 0) name.erase(0, kPrefix.size());
+  return name;
+}
+
+// ---- factories of the type bundle ----
+
+Ptr<CpxExpressionOperator_Engine> CpxExpressionTypes::CreateOperator(
+    const XmlQName& type, const std::string& name, CpxExpressionContext_Engine* context) {
+  return CpxExpressionOperatorRegistry::Instance().Create(type, name, context);
+}
+
+Ptr<CpxTupleFieldRef_Engine> CpxExpressionTypes::CreateFieldRef(CpxTupleSetKind kind,
+                                                                CpxExpressionOperator_Engine* owner) {
+  switch (kind) {
+    case CpxTupleSetKind::Input: return Ptr<CpxTupleFieldRef_Engine>(new CpxInputTupleFieldRef_Engine(owner));
+    case CpxTupleSetKind::Output: return Ptr<CpxTupleFieldRef_Engine>(new CpxOutputTupleFieldRef_Engine(owner));
+    case CpxTupleSetKind::Constant: return Ptr<CpxTupleFieldRef_Engine>(new CpxConstantTupleFieldRef_Engine(owner));
+    case CpxTupleSetKind::Temporary: return Ptr<CpxTupleFieldRef_Engine>(new CpxTemporaryTupleFieldRef_Engine(owner));
+    case CpxTupleSetKind::Variable: return Ptr<CpxTupleFieldRef_Engine>(new CpxVariableTupleFieldRef_Engine(owner));
+  }
+  return nullptr;
+}
+
+// ---- operator base ----
+
+bool CpxExpressionOperator_Engine::CheckAllFieldsAvailable(CpxExpressionEvaluator_Engine* evaluator,
+                                                           const ParamList& list) {
+  for (const Ptr<CpxTupleFieldRef_Engine>& ref : list) {
+    unsigned pos = 0;
+    const CpxTuple* t = ref->GetTupleField(evaluator, pos);
+    if (!t->HasFieldValue(pos)) return false;
+  }
+  return true;
+}
+
+// ---- evaluator ----
+
+CpxExpressionEvaluator_Engine::CpxExpressionEvaluator_Engine(
+    const CpxExpressionContext_Engine* context)
+    : m_context(context) {}
+
+uint32_t CpxExpressionEvaluator_Engine::GetMaxOperator() const {
+  return m_context->GetOperatorCount();
+}
+
+void CpxExpressionEvaluator_Engine::PrepareTuples(Ptr<CpxTuplesList_Vector>& list,
+                                                  CpxTupleSetKind kind) {
+  list = MakePtr<CpxTuplesList_Vector>();
+  for (const Ptr<CpxTupleDescriptor>& td : m_context->GetDescriptors(kind))
+    list->Add(td->CreateDefaultTuple());
+}
+
+void CpxExpressionEvaluator_Engine::Prepare() {
+  PrepareTuples(m_constant, CpxTupleSetKind::Constant);
+  PrepareTuples(m_temporary, CpxTupleSetKind::Temporary);
+  PrepareTuples(m_output, CpxTupleSetKind::Output);
+  m_states.assign(m_context->GetOperatorCount(), nullptr);
+  m_dirty = false;
+}
+
+CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::GetOperatorState(
+    unsigned position) {
+  if (position >= m_states.size()) XmlObject::RaiseIndexOutOfRange(position, m_states.size(), "operator states");
+  Ptr<CpxExpressionOperatorState_Engine>& state = m_states[position];
+  if (!state) state = m_context->GetOperatorByPos(position)->CreateState();
+  return state.Get();
+}
+
+void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
+                                            PtrView<const CpxTuplesList> input) {
+  m_now = now;
+  m_input = input.Get();
+  m_dirty = true;
+  const auto& operators = m_context->GetOperators();
+  const uint32_t count = operators.GetSize();
+  uint32_t p = m_next_operator;
+  struct Release {
+    CpxExpressionEvaluator_Engine* ev;
+    ~Release() {
+      ev->m_input = nullptr;
+      ev->m_now = 0;
+    }
+  } release{this};
+  while (p < count) {
+    operators.GetObjectByPos(p)->Execute(this, p);
+    if (m_next_operator == p) m_next_operator = p + 1;
+    p = m_next_operator;
+  }
+}
+
+void CpxExpressionEvaluator_Engine::Reset() {
+  if (!m_dirty) return;
+  const unsigned temporaries = m_temporary->GetSize();
+  for (unsigned i = 0; i < temporaries; ++i) m_temporary->GetObjectByPos(i)->RemoveAllFields();
+  const auto& descriptors = m_context->GetOutputTupleDescriptors();
+  const unsigned outputs = m_output->GetSize();
+  for (unsigned i = 0; i < outputs; ++i) {
+    const Ptr<CpxTuple>& t = m_output->GetPtrByPos(i);
+    if (t.IsUnique()) {
+      t->SetTupleType(Message::kPositive);
+      t->SetTimestamp(0);
+      t->RemoveAllFields();
+      t->WriteDefaultFields();
+    } else {
+      // A caller still holds this tuple: leave it as it is and take a new one.
+      m_output->Set(i, descriptors.GetObjectByPos(i)->CreateDefaultTuple());
+    }
+  }
+  m_next_operator = 0;
+  m_dirty = false;
+}
+
+uint32_t CpxExpressionEvaluator_Engine::ChangeTuplesCount(const CpxTuple& tuple) {
+  int type = tuple.GetTupleType();
+  if (type == Message::kPositive) {
+    ++m_tuples_count;
+  } else if (type == Message::kNegative) {
+    --m_tuples_count;
+  }
+  return m_tuples_count;
+}
+
+// ---- context ----
+
+struct CpxExpressionContext_Engine::EvaluatorMap {
+  explicit EvaluatorMap(const CpxTupleKey_Engine* key)
+      : map(16, Hash_Tuple_WithKey{key}, Equal_Tuple_WithKey{key}) {}
+  VxMemoryHashMap<Ptr<CpxTuple>, Ptr<CpxExpressionEvaluator_Engine>, Hash_Tuple_WithKey,
+                  Equal_Tuple_WithKey>
+      map;
+};
+
+CpxExpressionContext_Engine::CpxExpressionContext_Engine(std::string name,
+                                                         CpxExpressionContextParent_Engine* parent)
+    : CpxExpressionContext<CpxExpressionTypes>(std::move(name), parent) {}
+
+CpxExpressionContext_Engine::~CpxExpressionContext_Engine() = default;
+
+namespace {
+
+Ptr<CpxExpressionContext_Engine> Load(XmlReaderContext& reader,
+                                      CpxExpressionContextParent_Engine* parent,
+                                      std::string name) {
+  Ptr<CpxExpressionContext_Engine> ctx(new CpxExpressionContext_Engine(name, parent));
+  try {
+    ctx->XmlRead(reader);
+    if (!name.empty()) ctx->SetName(name);
+    if (reader.MoveToContent()) reader.RaiseUnexpected("end of document");
+    ctx->EnsureValid();
+  } catch (ExceptionType& e) {
+    e.SetDocumentLocation(reader.GetFileName(), reader.GetLine());
+    throw;
+  }
+  return ctx;
+}
+
+}  // namespace
+
+Ptr<CpxExpressionContext_Engine> CpxExpressionContext_Engine::LoadFromFile(
+    const std::string& path, CpxExpressionContextParent_Engine* parent, std::string name) {
+  auto reader = XmlReaderContext::FromFile(path);
+  return Load(*reader, parent, std::move(name));
+}
+
+Ptr<CpxExpressionContext_Engine> CpxExpressionContext_Engine::LoadFromString(
+    std::string text, const std::string& document_name, CpxExpressionContextParent_Engine* parent,
+    std::string name) {
+  auto reader = XmlReaderContext::FromMemory(std::move(text), document_name);
+  return Load(*reader, parent, std::move(name));
+}
+
+std::string CpxExpressionContext_Engine::WriteToString() const {
+  auto writer = XmlWriterContext::ToMemory();
+  XmlWrite(*writer);
+  return writer->Finish();
+}
+
+Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::NewEvaluator() const {
+  Ptr<CpxExpressionEvaluator_Engine> ev = MakePtr<CpxExpressionEvaluator_Engine>(this);
+  ev->SetGroupByKey(m_group_by_key.Get());
+  ev->Prepare();
+  return ev;
+}
+
+void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesList>) {
+  m_variables = MakePtr<CpxTuplesList_Vector>();
+  for (const Ptr<CpxTupleDescriptor>& td : GetVariableTupleDescriptors())
+    m_variables->Add(td->CreateDefaultTuple());
+  m_group_by_key = nullptr;
+  if (GetParent()) {
+    Ptr<CpxTupleKey_Engine> key = GetParent()->GetContextGroupByKey();
+    if (key && !key->IsEmpty()) {
+      const CpxTupleDescriptor* td = GetInputTupleDescriptors().Find(key->GetDescriptorName());
+      if (!td) td = GetParent()->FindTupleDescriptor(key->GetDescriptorName());
+      key->Bind(td);
+      m_group_by_key = key;
+    }
+  }
+  m_single = nullptr;
+  m_map = m_group_by_key ? std::make_unique<EvaluatorMap>(m_group_by_key.Get()) : nullptr;
+  m_group_count = 0;
+  m_initialized = true;
+}
+
+Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::GetEvaluator(const CpxTuple& tuple) {
+  if (!m_initialized) InitializeEvaluators();
+  if (!m_map) {
+    if (!m_single) m_single = NewEvaluator();
+    return m_single;
+  }
+  // The lookup only views the row; the map keeps its own copy of a new
+  // group's row, because callers may reuse their row objects.
+  auto it = m_map->map.find(tuple);
+  if (it != m_map->map.end()) {
+    Ptr<CpxExpressionEvaluator_Engine> ev = it->second;
+    if (ev->ChangeTuplesCount(tuple) == 0) {
+      ev->SetCleanupOnExit(true);
+      m_map->map.erase(it);
+      --m_group_count;
+    }
+    return ev;
+  }
+  Ptr<CpxExpressionEvaluator_Engine> ev = NewEvaluator();
+  ev->ChangeTuplesCount(tuple);
+  m_map->map.emplace(tuple.Copy(), ev);
+  ++m_group_count;
+  return ev;
+}
+
+void CpxExpressionContext_Engine::ResetEvaluators() {
+  if (m_single) m_single->Reset();
+  if (m_map)
+    for (auto& [key, ev] : m_map->map) ev->Reset();
+}
+
+void CpxExpressionContext_Engine::ShutdownEvaluators() {
+  m_single = nullptr;
+  m_map.reset();
+  m_group_count = 0;
+  m_initialized = false;
+}
+
+}  // namespace vx

@@ -1,0 +1,310 @@
+// The expression engine: contexts, operators, field references, evaluators.
+//
+// A `CpxExpressionContext_Engine` is one loaded expression program; it is
+// read from XML, validated, and then immutable and shared read-only by its
+// evaluators. A `CpxExpressionEvaluator_Engine` runs the program over input
+// rows: it owns the output, constant and temporary tuples of one evaluation
+// scope (one group of a grouped context, or the whole stream), the
+// next-operator index and the per-operator states. A grouped context keeps
+// one evaluator per distinct group-key value.
+//
+// Threads: one evaluator runs on one thread at a time; a context's evaluator
+// map (GetEvaluator, ResetEvaluators, ShutdownEvaluators) is used by one
+// thread at a time. Loaded contexts and operators may be shared by threads.
+// Nothing here locks.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/memory.h"
+#include "support/tuple.h"
+#include "vx_xml_parser/cpx_expression.h"
+#include "vx_xml_parser/cpx_expression_operator_types.h"
+
+namespace vx {
+
+class CpxExpressionContext_Engine;
+class CpxExpressionContextParent_Engine;
+class CpxExpressionEvaluator_Engine;
+class CpxExpressionOperator_Engine;
+class CpxExpressionOperatorState_Engine;
+class CpxTupleFieldRef_Engine;
+class CpxPersistentStorageBatch;
+
+// The type bundle the templates are instantiated over.
+struct CpxExpressionTypes {
+  using Context = CpxExpressionContext_Engine;
+  using ContextParent = CpxExpressionContextParent_Engine;
+  using Operator = CpxExpressionOperator_Engine;
+  using FieldRef = CpxTupleFieldRef_Engine;
+  using Evaluator = CpxExpressionEvaluator_Engine;
+
+  // Null when no operator is registered under `type`.
+  static Ptr<Operator> CreateOperator(const XmlQName& type, const std::string& name,
+                                      Context* context);
+  static Ptr<FieldRef> CreateFieldRef(CpxTupleSetKind kind, Operator* owner);
+};
+
+using CpxTupleKey_Engine = CpxTupleKey<CpxExpressionTypes>;
+
+// ---- field references ----
+
+class CpxTupleFieldRef_Engine : public CpxTupleFieldRef<CpxExpressionTypes> {
+ public:
+  using CpxTupleFieldRef<CpxExpressionTypes>::CpxTupleFieldRef;
+  // The tuple that holds the field in `evaluator`'s tuple set; stores the
+  // field's position in `field_pos`. Raises the index-out-of-range error
+  // when the set has no tuple at the bound position.
+  virtual CpxTuple* GetTupleField(CpxExpressionEvaluator_Engine* evaluator,
+                                  unsigned& field_pos) const = 0;
+};
+
+// ---- operator state ----
+
+// Run-time state of one operator in one evaluator (row history,
+// accumulators, compiled patterns). Created by the operator's CreateState on
+// the operator's first execution in that evaluator; survives Reset.
+class CpxExpressionOperatorState_Engine : public RefCounted {
+ public:
+  ~CpxExpressionOperatorState_Engine() override = default;
+};
+
+// ---- operators ----
+
+class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionTypes> {
+ public:
+  using CpxExpressionOperator<CpxExpressionTypes>::CpxExpressionOperator;
+
+  // The operator's work for one row. `position` is the operator's own
+  // position in the context; a jump stores a new next-operator index in the
+  // evaluator. Exceptions propagate out of the evaluator's Execute.
+  virtual void Execute(CpxExpressionEvaluator_Engine* evaluator, unsigned position) const = 0;
+  // A fresh state for stateful operators; null for the others.
+  virtual Ptr<CpxExpressionOperatorState_Engine> CreateState() const { return nullptr; }
+
+  // True when every field of `list` holds a value in `evaluator`'s tuples.
+  static bool CheckAllFieldsAvailable(CpxExpressionEvaluator_Engine* evaluator,
+                                      const ParamList& list);
+
+ protected:
+  // The tuple holding the i-th input (output) parameter's field, and the
+  // field's position in it. Raises the index-out-of-range error past the list.
+  CpxTuple* GetInputTupleField(CpxExpressionEvaluator_Engine* evaluator, unsigned i,
+                               unsigned& field_pos) const {
+    const ParamList& in = GetInputParameters();
+    if (i >= in.size()) XmlObject::RaiseIndexOutOfRange(i, in.size(), GetName());
+    return in[i]->GetTupleField(evaluator, field_pos);
+  }
+  CpxTuple* GetOutputTupleField(CpxExpressionEvaluator_Engine* evaluator, unsigned i,
+                                unsigned& field_pos) const {
+    const ParamList& out = GetOutputParameters();
+    if (i >= out.size()) XmlObject::RaiseIndexOutOfRange(i, out.size(), GetName());
+    return out[i]->GetTupleField(evaluator, field_pos);
+  }
+};
+
+// ---- evaluator ----
+
+class CpxExpressionEvaluator_Engine : public RefCounted {
+ public:
+  explicit CpxExpressionEvaluator_Engine(const CpxExpressionContext_Engine* context);
+  CpxExpressionEvaluator_Engine(const CpxExpressionEvaluator_Engine&) = default;
+  CpxExpressionEvaluator_Engine& operator=(const CpxExpressionEvaluator_Engine&) = default;
+
+  // Builds the constant, temporary and output tuples (one default tuple per
+  // descriptor) and the operator-state slots; leaves the evaluator clean.
+  void Prepare();
+  // Runs the operators from the next-operator index until the index is not
+  // below the operator count. `input` is viewed only during the call.
+  void Execute(const int64_t& now, PtrView<const CpxTuplesList> input);
+  // When dirty: clears the temporary tuples, resets the output tuples to
+  // their defaults (replacing any that a caller still holds), sets the
+  // next-operator index to 0 and clears dirty. A clean evaluator is left as is.
+  void Reset();
+  // +1 for a positive tuple, -1 for a negative one; returns the new count.
+  uint32_t ChangeTuplesCount(const CpxTuple& tuple);
+
+  const CpxExpressionContext_Engine* GetContext() const { return m_context; }
+  const CpxTupleKey_Engine* GetGroupByKey() const { return m_group_by_key; }
+  void SetGroupByKey(const CpxTupleKey_Engine* key) { m_group_by_key = key; }
+  CpxPersistentStorageBatch* GetPersistentBatch() const { return m_batch; }
+
+  const CpxTuplesList* GetInputTuples() const { return m_input; }
+  CpxTuplesList_Vector* GetConstantTuples() const { return m_constant.Get(); }
+  CpxTuplesList_Vector* GetTemporaryTuples() const { return m_temporary.Get(); }
+  CpxTuplesList_Vector* GetOutputTuples() const { return m_output.Get(); }
+  // The context's variable tuples, shared by all evaluators of the context.
+  CpxTuplesList_Vector* GetVariableTuples() const;
+
+  // The state of the operator at `position`, created through its
+  // CreateState on first use (null for stateless operators).
+  CpxExpressionOperatorState_Engine* GetOperatorState(unsigned position);
+
+  int64_t GetNow() const { return m_now; }
+  uint32_t GetNextOperator() const { return m_next_operator; }
+  void SetNextOperator(uint32_t next) { m_next_operator = next; }
+  uint32_t GetMaxOperator() const;
+  bool IsDirty() const { return m_dirty; }
+  void SetDirty(bool dirty) { m_dirty = dirty; }
+  bool IsCleanupOnExit() const { return m_cleanup_on_exit; }
+  void SetCleanupOnExit(bool cleanup) { m_cleanup_on_exit = cleanup; }
+  uint32_t GetTuplesCount() const { return m_tuples_count; }
+  const std::vector<void*>& GetOperatorContext() const { return m_operator_context; }
+  void SetOperatorContext(const std::vector<void*>& context) { m_operator_context = context; }
+
+ protected:
+  void PrepareTuples(Ptr<CpxTuplesList_Vector>& list, CpxTupleSetKind kind);
+
+ private:
+  const CpxExpressionContext_Engine* m_context;
+  const CpxTupleKey_Engine* m_group_by_key = nullptr;
+  CpxPersistentStorageBatch* m_batch = nullptr;
+  const CpxTuplesList* m_input = nullptr;
+  Ptr<CpxTuplesList_Vector> m_constant;
+  Ptr<CpxTuplesList_Vector> m_temporary;
+  Ptr<CpxTuplesList_Vector> m_output;
+  VxMemoryVector<Ptr<CpxExpressionOperatorState_Engine>> m_states;
+  int64_t m_now = 0;
+  uint32_t m_next_operator = 0;
+  bool m_dirty = false;
+  bool m_cleanup_on_exit = false;
+  uint32_t m_tuples_count = 0;
+  std::vector<void*> m_operator_context;
+};
+
+// ---- context parent ----
+
+// The query-level owner of a context: supplies the group-by key and finds
+// descriptors by name.
+class CpxExpressionContextParent_Engine {
+ public:
+  virtual ~CpxExpressionContextParent_Engine() = default;
+  // The group-by key of the context, or null when it is not grouped.
+  virtual Ptr<CpxTupleKey_Engine> GetContextGroupByKey() const = 0;
+  // A descriptor known to the parent by name, or null.
+  virtual const CpxTupleDescriptor* FindTupleDescriptor(const std::string& name) const = 0;
+};
+
+// ---- context ----
+
+class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTypes> {
+ public:
+  CpxExpressionContext_Engine(std::string name, CpxExpressionContextParent_Engine* parent);
+  ~CpxExpressionContext_Engine() override;
+
+  // Reads and validates a context from a document (file or text). Load
+  // errors carry the document's name and line.
+  static Ptr<CpxExpressionContext_Engine> LoadFromFile(const std::string& path,
+                                                       CpxExpressionContextParent_Engine* parent,
+                                                       std::string name = "");
+  static Ptr<CpxExpressionContext_Engine> LoadFromString(std::string text,
+                                                         const std::string& document_name,
+                                                         CpxExpressionContextParent_Engine* parent,
+                                                         std::string name = "");
+  // The context as an XML document, in the form it is read.
+  std::string WriteToString() const;
+
+  // The group-by key (from the parent, bound to the first input descriptor),
+  // or null when the context is not grouped.
+  Ptr<const CpxTupleKey_Engine> GetGroupByKey() const { return m_group_by_key; }
+  unsigned GetGroupBySize() const { return m_group_by_key ? m_group_by_key->GetFieldCount() : 0; }
+
+  // Sets up the variable tuples and the evaluator map before the first row.
+  void InitializeEvaluators(PtrView<const CpxTuplesList> input_tuples = nullptr);
+  // The evaluator for `tuple`'s group (created on first use); counts the row
+  // in a grouped context and drops a group whose count reaches zero from the
+  // map (the evaluator is still returned, with cleanup-on-exit set).
+  Ptr<CpxExpressionEvaluator_Engine> GetEvaluator(const CpxTuple& tuple);
+  void ResetEvaluators();
+  void ShutdownEvaluators();
+  // Number of live groups of a grouped context.
+  unsigned GetGroupCount() const { return m_group_count; }
+
+  CpxTuplesList_Vector* GetVariableTuples() const { return m_variables.Get(); }
+
+ private:
+  struct EvaluatorMap;
+  Ptr<CpxExpressionEvaluator_Engine> NewEvaluator() const;
+
+  Ptr<const CpxTupleKey_Engine> m_group_by_key;
+  Ptr<CpxTuplesList_Vector> m_variables;
+  Ptr<CpxExpressionEvaluator_Engine> m_single;
+  std::unique_ptr<EvaluatorMap> m_map;
+  unsigned m_group_count = 0;
+  bool m_initialized = false;
+};
+
+// ---- field reference kinds ----
+
+template <CpxTupleSetKind K>
+class CpxTupleFieldRefKind_Engine final : public CpxTupleFieldRef_Engine {
+ public:
+  explicit CpxTupleFieldRefKind_Engine(CpxExpressionOperator_Engine* owner)
+      : CpxTupleFieldRef_Engine(owner, K) {}
+  CpxTuple* GetTupleField(CpxExpressionEvaluator_Engine* ev, unsigned& field_pos) const override {
+    field_pos = GetFieldPos();
+    if constexpr (K == CpxTupleSetKind::Input) {
+      const CpxTuplesList* in = ev->GetInputTuples();
+      if (!in) XmlObject::RaiseIndexOutOfRange(GetTuplePos(), 0, "input tuples");
+      return in->GetObjectByPos(GetTuplePos());
+    } else if constexpr (K == CpxTupleSetKind::Output) {
+      return ev->GetOutputTuples()->GetObjectByPos(GetTuplePos());
+    } else if constexpr (K == CpxTupleSetKind::Constant) {
+      return ev->GetConstantTuples()->GetObjectByPos(GetTuplePos());
+    } else if constexpr (K == CpxTupleSetKind::Temporary) {
+      return ev->GetTemporaryTuples()->GetObjectByPos(GetTuplePos());
+    } else {
+      return ev->GetVariableTuples()->GetObjectByPos(GetTuplePos());
+    }
+  }
+};
+using CpxInputTupleFieldRef_Engine = CpxTupleFieldRefKind_Engine<CpxTupleSetKind::Input>;
+using CpxOutputTupleFieldRef_Engine = CpxTupleFieldRefKind_Engine<CpxTupleSetKind::Output>;
+using CpxConstantTupleFieldRef_Engine = CpxTupleFieldRefKind_Engine<CpxTupleSetKind::Constant>;
+using CpxTemporaryTupleFieldRef_Engine = CpxTupleFieldRefKind_Engine<CpxTupleSetKind::Temporary>;
+using CpxVariableTupleFieldRef_Engine = CpxTupleFieldRefKind_Engine<CpxTupleSetKind::Variable>;
+
+inline CpxTuplesList_Vector* CpxExpressionEvaluator_Engine::GetVariableTuples() const {
+  return m_context->GetVariableTuples();
+}
+
+// ---- key functors over tuples ----
+
+struct Hash_Tuple_WithKey {
+  using is_transparent = void;
+  const CpxTupleKey_Engine* key;
+  size_t operator()(const CpxTuple& t) const { return CpxTupleKey_Engine::GetHash(t, *key); }
+  size_t operator()(const Ptr<CpxTuple>& t) const { return (*this)(*t); }
+};
+struct Equal_Tuple_WithKey {
+  using is_transparent = void;
+  const CpxTupleKey_Engine* key;
+  bool operator()(const CpxTuple& a, const CpxTuple& b) const {
+    return CpxTupleKey_Engine::CompareByKey(a, *key, b, *key, CpxTuple::kNullsFirst) == 0;
+  }
+  bool operator()(const Ptr<CpxTuple>& a, const Ptr<CpxTuple>& b) const { return (*this)(*a, *b); }
+  bool operator()(const CpxTuple& a, const Ptr<CpxTuple>& b) const { return (*this)(a, *b); }
+  bool operator()(const Ptr<CpxTuple>& a, const CpxTuple& b) const { return (*this)(*a, b); }
+};
+struct Less_Tuple_WithKey {
+  const CpxTupleKey_Engine* key;
+  bool operator()(const Ptr<CpxTuple>& a, const Ptr<CpxTuple>& b) const {
+    return CpxTupleKey_Engine::CompareByKey(*a, *key, *b, *key, CpxTuple::kNullsFirst) < 0;
+  }
+};
+struct LessReverse_Tuple_WithKey {
+  const CpxTupleKey_Engine* key;
+  bool operator()(const Ptr<CpxTuple>& a, const Ptr<CpxTuple>& b) const {
+    return CpxTupleKey_Engine::CompareReverseByKey(*a, *key, *b, *key, CpxTuple::kNullsFirst) < 0;
+  }
+};
+
+extern template class CpxTupleFieldRef<CpxExpressionTypes>;
+extern template class CpxExpressionOperator<CpxExpressionTypes>;
+extern template class CpxTupleKey<CpxExpressionTypes>;
+extern template class CpxExpressionContext<CpxExpressionTypes>;
+
+}  // namespace vx

@@ -1,0 +1,25 @@
+// Integer operators.
+#include "cpx_expressions/cpx_expression_operators.h"
+#include "cpx_expressions/cpx_operator_registry.h"
+
+namespace vxi {
+
+using namespace vx;
+
+// ---- arithmetic and comparison ----
+
+VX_DEFINE_NUMERIC_BASICS(Integer, CpxTupleField_Integer);
+
+}  // namespace vxi
+
+namespace vx {
+
+void RegisterIntegerOperators(CpxExpressionOperatorRegistry& registry) {
+  using namespace vxi;
+  static const CpxOperatorInfo kTable[] = {
+      VX_NUMERIC_BASICS_TABLE(Integer, "integer"),
+  };
+  registry.Register(kTable, std::size(kTable));
+}
+
+}  // namespace vx

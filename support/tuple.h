@@ -1,0 +1,376 @@
+// Tuples, tuple descriptors and tuple lists: the value model of the engine.
+//
+// A `CpxTupleDescriptor` is the named schema of a tuple: ordered fields, each
+// with a name, one of nine value types and an optional default. A `CpxTuple`
+// is one row: a descriptor, a timestamp (microseconds since the epoch), a
+// tuple type (0 positive: the row enters a window or group; 1 negative: it
+// leaves) and one slot per field. A slot is NULL when it holds no value.
+//
+// Fixed-size values (boolean 1 byte, integer 4, long/time/interval/float 8)
+// live inline in the slot; strings, blobs and xml text live in a per-slot
+// buffer that keeps its capacity when cleared, so a tuple that is reused row
+// after row stops allocating once its buffers have grown. String values are
+// stored without a terminator in their size but always followed by one, so
+// they can also be read as C strings.
+//
+// Tuples are reference counted with an atomic count: a tuple may be handed to
+// another thread, and an evaluator tells by the count whether a caller still
+// holds an output tuple. A tuple is written by one thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "support/memory.h"
+#include "support/ptr.h"
+#include "support/xml_object.h"
+
+namespace vx {
+
+enum class CpxFieldKind : uint8_t { Boolean, Integer, Long, Float, String, Time, IntervalD2S, Blob, Xml };
+constexpr unsigned kFieldKindCount = 9;
+
+inline bool IsVariableSizeKind(CpxFieldKind k) {
+  return k == CpxFieldKind::String || k == CpxFieldKind::Blob || k == CpxFieldKind::Xml;
+}
+// Stored size of a fixed-size kind; 0 for variable-size kinds.
+uint32_t FixedSizeOfKind(CpxFieldKind k);
+
+// Type names of the nine value types ("boolean", "integer", ...), in no
+// namespace.
+struct CpxTupleFieldTypes {
+  static const XmlQName& BooleanFieldType();
+  static const XmlQName& IntegerFieldType();
+  static const XmlQName& LongFieldType();
+  static const XmlQName& FloatFieldType();
+  static const XmlQName& StringFieldType();
+  static const XmlQName& TimeFieldType();
+  static const XmlQName& IntervalD2SFieldType();
+  static const XmlQName& BlobFieldType();
+  static const XmlQName& XmlFieldType();
+  static const XmlQName& FromKind(CpxFieldKind kind);
+  static std::optional<CpxFieldKind> KindOf(const XmlQName& type);
+  static const char* Name(CpxFieldKind kind);
+};
+
+// A server message: timestamp and tuple type.
+class Message : public RefCounted {
+ public:
+  enum TupleType : int { kPositive = 0, kNegative = 1 };
+
+  int64_t GetTimestamp() const { return m_timestamp; }
+  void SetTimestamp(int64_t ts) { m_timestamp = ts; }
+  int GetTupleType() const { return m_tuple_type; }
+  void SetTupleType(int type) { m_tuple_type = type; }
+  bool GetPositiveTuple() const { return m_tuple_type == kPositive; }
+
+ protected:
+  explicit Message(int64_t ts) : m_timestamp(ts) {}
+
+ private:
+  int64_t m_timestamp = 0;
+  int m_tuple_type = kPositive;
+};
+
+class CpxTupleDescriptor;
+
+class CpxTuple : public Message {
+ public:
+  // Where NULL sorts relative to values in a comparison.
+  enum NullCompare { kNullsFirst, kNullsLast };
+
+  ~CpxTuple() override;
+  CpxTuple(const CpxTuple&) = delete;
+  CpxTuple& operator=(const CpxTuple&) = delete;
+
+  const CpxTupleDescriptor* GetTD() const { return m_td.Get(); }
+  unsigned GetFieldCount() const { return m_count; }
+  CpxFieldKind GetFieldKind(unsigned p) const;
+
+  bool HasFieldValue(unsigned p) const { return Slot(p).present; }
+  // The stored bytes, or nullptr when the field is NULL.
+  const void* GetFieldValue(unsigned p) const;
+  const void* GetFieldValue(unsigned p, uint32_t& size) const;
+
+  // Copies `size` bytes as the value (4 for integer; 8 for long, time,
+  // interval and float; 1 for boolean; the byte length for the others).
+  void SetFieldValue(unsigned p, uint32_t size, const void* bytes);
+  // Writable storage of `size` bytes for a value built in place; the field
+  // becomes non-NULL.
+  void* AllocateFieldValue(unsigned p, uint32_t size);
+  void ClearFieldValue(unsigned p);
+  void RemoveAllFields();
+  // Overwrites every field with the descriptor's default (NULL where none).
+  void WriteDefaultFields();
+  // Reserves `size` bytes of value storage for each variable-size field.
+  void AllocateBuffer(uint32_t size);
+
+  // A copy with the same descriptor, timestamp, type and values.
+  Ptr<CpxTuple> Copy() const;
+
+  // -1, 0 or 1. Fields compare by value (numbers numerically, text and bytes
+  // byte-wise with the shorter prefix first, false before true); NaN sorts
+  // after every other float and equal to NaN.
+  static int CompareOneField(const CpxTuple& a, unsigned pa, const CpxTuple& b, unsigned pb,
+                             NullCompare rule);
+  // All fields, then timestamp, then tuple type.
+  int Compare(const CpxTuple& other) const;
+  int CompareFields(const CpxTuple& other) const;
+  // All fields and tuple type, ignoring the timestamp.
+  int CompareIgnoreTimestamp(const CpxTuple& other) const;
+
+  // "Name[ts=..., sign=+]{field=value, field=NULL, ...}" for messages.
+  std::string ToString() const;
+
+ protected:
+  CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp);
+
+ private:
+  struct FieldSlot {
+    uint32_t size = 0;
+    uint32_t capacity = 0;
+    bool present = false;
+    unsigned char fixed[8] = {};
+    unsigned char* var = nullptr;
+  };
+  FieldSlot& Slot(unsigned p);
+  const FieldSlot& Slot(unsigned p) const;
+  unsigned char* Reserve(FieldSlot& slot, uint32_t size);
+
+  Ptr<const CpxTupleDescriptor> m_td;
+  FieldSlot* m_slots = nullptr;
+  unsigned m_count = 0;
+};
+
+// The writable tuple that the engine creates for every row it builds.
+class CpxTuple_Writable final : public CpxTuple {
+ public:
+  CpxTuple_Writable(Ptr<const CpxTupleDescriptor> td, int64_t timestamp)
+      : CpxTuple(std::move(td), timestamp) {}
+};
+
+// ---- field classes: typed access to one field of a tuple ----
+
+struct CpxTupleField_Boolean {
+  using ValueType = bool;
+  static constexpr CpxFieldKind kKind = CpxFieldKind::Boolean;
+  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::BooleanFieldType(); }
+  // True only for a stored byte of exactly 1.
+  static bool GetValue(PtrView<const CpxTuple> t, unsigned p) {
+    return *static_cast<const unsigned char*>(t->GetFieldValue(p)) == 1;
+  }
+  static void SetValue(CpxTuple& t, unsigned p, bool v) {
+    unsigned char b = v ? 1 : 0;
+    t.SetFieldValue(p, 1, &b);
+  }
+  static bool FromString(bool& out, std::string_view text);
+  static int ToString(char* buf, size_t size, bool v, const char* format = nullptr);
+};
+
+template <class T, CpxFieldKind K>
+struct CpxTupleField_Fixed {
+  using ValueType = T;
+  static constexpr CpxFieldKind kKind = K;
+  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::FromKind(K); }
+  static T GetValue(PtrView<const CpxTuple> t, unsigned p) {
+    T v;
+    __builtin_memcpy(&v, t->GetFieldValue(p), sizeof(T));
+    return v;
+  }
+  static void SetValue(CpxTuple& t, unsigned p, T v) { t.SetFieldValue(p, sizeof(T), &v); }
+};
+
+struct CpxTupleField_Integer : CpxTupleField_Fixed<int32_t, CpxFieldKind::Integer> {
+  static bool FromString(int32_t& out, std::string_view text);
+  static int ToString(char* buf, size_t size, int32_t v, const char* format = nullptr);
+};
+struct CpxTupleField_Long : CpxTupleField_Fixed<int64_t, CpxFieldKind::Long> {
+  static bool FromString(int64_t& out, std::string_view text);
+  static int ToString(char* buf, size_t size, int64_t v, const char* format = nullptr);
+};
+struct CpxTupleField_Float : CpxTupleField_Fixed<double, CpxFieldKind::Float> {
+  // Accepts decimal and exponent forms and inf, -inf, nan.
+  static bool FromString(double& out, std::string_view text);
+  // Without a format: the shortest text that reads back to the same double.
+  static int ToString(char* buf, size_t size, double v, const char* format = nullptr);
+};
+struct CpxTupleField_Time : CpxTupleField_Fixed<int64_t, CpxFieldKind::Time> {
+  // "YYYY-MM-DD HH:MM:SS[.ffffff]" in UTC, or "@N" microseconds.
+  static bool FromString(int64_t& out, std::string_view text);
+  static std::string ToString(int64_t v);
+};
+struct CpxTupleField_IntervalD2S : CpxTupleField_Fixed<int64_t, CpxFieldKind::IntervalD2S> {
+  // "[-]D HH:MM:SS[.ffffff]".
+  static bool FromString(int64_t& out, std::string_view text);
+  static std::string ToString(int64_t v);
+};
+
+struct CpxTupleField_String {
+  using ValueType = std::string_view;
+  static constexpr CpxFieldKind kKind = CpxFieldKind::String;
+  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::StringFieldType(); }
+  // Zero-terminated text.
+  static const char* GetValue(PtrView<const CpxTuple> t, unsigned p) {
+    return static_cast<const char*>(t->GetFieldValue(p));
+  }
+  static bool GetValue(PtrView<const CpxTuple> t, unsigned p, const char*& bytes, uint32_t& length);
+  static uint32_t GetBytesLength(PtrView<const CpxTuple> t, unsigned p);
+  static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
+    uint32_t size = 0;
+    const void* b = t->GetFieldValue(p, size);
+    return {static_cast<const char*>(b), size};
+  }
+  static void SetValue(CpxTuple& t, unsigned p, std::string_view v) {
+    t.SetFieldValue(p, static_cast<uint32_t>(v.size()), v.data());
+  }
+  static const char* GetDefaultValue() { return ""; }
+};
+
+struct CpxTupleField_Blob {
+  using ValueType = std::string_view;
+  static constexpr CpxFieldKind kKind = CpxFieldKind::Blob;
+  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::BlobFieldType(); }
+  static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
+    uint32_t size = 0;
+    const void* b = t->GetFieldValue(p, size);
+    return {static_cast<const char*>(b), size};
+  }
+  static void SetValue(CpxTuple& t, unsigned p, std::string_view v) {
+    t.SetFieldValue(p, static_cast<uint32_t>(v.size()), v.data());
+  }
+  // Upper-case hexadecimal, two digits a byte.
+  static std::string ToHexString(std::string_view bytes);
+  // Either case; false for odd length or a non-hex digit.
+  static bool FromHexString(std::string& out, std::string_view text);
+};
+
+struct CpxTupleField_Xml {
+  using ValueType = std::string_view;
+  static constexpr CpxFieldKind kKind = CpxFieldKind::Xml;
+  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::XmlFieldType(); }
+  static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
+    uint32_t size = 0;
+    const void* b = t->GetFieldValue(p, size);
+    return {static_cast<const char*>(b), size};
+  }
+  static void SetValue(CpxTuple& t, unsigned p, std::string_view v) {
+    t.SetFieldValue(p, static_cast<uint32_t>(v.size()), v.data());
+  }
+};
+
+// Text form of any field value (see the value-text table in the docs).
+// Returns false (and leaves the field unchanged) when `text` is not a value
+// of the field's type.
+bool SetFieldFromText(CpxTuple& t, unsigned p, std::string_view text);
+// Text form of a non-NULL field.
+std::string FieldToText(const CpxTuple& t, unsigned p);
+// Stored bytes of `text` read as a value of `kind`; nullopt when unreadable.
+std::optional<std::string> ValueBytesFromText(CpxFieldKind kind, std::string_view text);
+
+// ---- descriptors ----
+
+// One field of a descriptor: element "Field" with "Name", "Type" and an
+// optional "Default".
+class CpxTupleField : public XmlNamedObject {
+ public:
+  CpxTupleField() = default;
+  CpxTupleField(std::string name, CpxFieldKind kind, std::optional<std::string> default_text = {});
+
+  const char* GetXmlElementName() const override { return "Field"; }
+  const XmlQName& GetType() const { return CpxTupleFieldTypes::FromKind(m_kind); }
+  CpxFieldKind GetKind() const { return m_kind; }
+  const std::optional<std::string>& GetDefaultText() const { return m_default_text; }
+  // Stored bytes of the default value; nullopt when the default is NULL.
+  const std::optional<std::string>& GetDefaultBytes() const { return m_default_bytes; }
+
+ protected:
+  void DoReadAttributes(XmlReaderContext& reader) override;
+  void DoWriteAttributes(XmlWriterContext& writer) const override;
+
+ private:
+  CpxFieldKind m_kind = CpxFieldKind::String;
+  std::optional<std::string> m_default_text;
+  std::optional<std::string> m_default_bytes;
+};
+
+// Element "TupleDescriptor" with attribute "Name" and "Field" children.
+class CpxTupleDescriptor : public XmlNamedObject {
+ public:
+  CpxTupleDescriptor() = default;
+  explicit CpxTupleDescriptor(std::string name) : XmlNamedObject(std::move(name)) {}
+
+  const char* GetXmlElementName() const override { return "TupleDescriptor"; }
+  static const char* GetElementName() { return "TupleDescriptor"; }
+
+  void AddField(Ptr<CpxTupleField> field) {
+    CpxFieldKind kind = field->GetKind();
+    m_fields.Add(std::move(field));
+    m_kinds.push_back(kind);
+  }
+  const XmlNamedObjectList<CpxTupleField>& GetConstFields() const { return m_fields; }
+  unsigned GetFieldCount() const { return m_fields.GetSize(); }
+  const CpxTupleField* GetTupleFieldObject(unsigned p) const { return m_fields.GetObjectByPos(p); }
+  const std::string& GetFieldNameByPos(unsigned p) const { return GetTupleFieldObject(p)->GetName(); }
+  CpxFieldKind GetFieldKind(unsigned p) const { return m_kinds[p]; }
+  bool FindFieldPos(const std::string& name, unsigned& p) const { return m_fields.FindPos(name, p); }
+  // Bytes of the fixed part of a tuple of this descriptor.
+  uint32_t CalculateTupleMinimumSize() const;
+
+  // A new tuple holding the descriptor's defaults (NULL where none).
+  Ptr<CpxTuple> CreateDefaultTuple(unsigned reserve = 0) const;
+
+ protected:
+  void DoReadContent(XmlReaderContext& reader) override;
+  void DoWriteContent(XmlWriterContext& writer) const override;
+
+ private:
+  friend class CpxTuple;
+  XmlNamedObjectList<CpxTupleField> m_fields;
+  std::vector<CpxFieldKind> m_kinds;
+};
+
+// ---- tuple lists ----
+
+class CpxTuplesList : public RefCounted {
+ public:
+  virtual unsigned GetSize() const = 0;
+  // Raises the index-out-of-range error past the end.
+  virtual CpxTuple* GetObjectByPos(unsigned p) const = 0;
+};
+
+class CpxTuplesList_Vector final : public CpxTuplesList {
+ public:
+  unsigned GetSize() const override { return static_cast<unsigned>(m_tuples.size()); }
+  CpxTuple* GetObjectByPos(unsigned p) const override {
+    if (p >= m_tuples.size()) XmlObject::RaiseIndexOutOfRange(p, m_tuples.size(), "tuple list");
+    return m_tuples[p].Get();
+  }
+  const Ptr<CpxTuple>& GetPtrByPos(unsigned p) const { return m_tuples[p]; }
+  void Add(Ptr<CpxTuple> t) { m_tuples.push_back(std::move(t)); }
+  void Set(unsigned p, Ptr<CpxTuple> t) { m_tuples[p] = std::move(t); }
+  void Clear() { m_tuples.clear(); }
+
+ private:
+  VxMemoryVector<Ptr<CpxTuple>> m_tuples;
+};
+
+// ---- tuple XML ----
+//
+// <Tuple Descriptor="Trades" Timestamp="2024-01-02 10:00:00" Sign="-">
+//   <Field Name="Symbol">IBM</Field>
+//   <Field Name="Qty" Null="true"/>
+// </Tuple>
+// Unlisted fields are NULL. An xml field holds its value as child markup.
+
+using CpxDescriptorFinder = std::function<const CpxTupleDescriptor*(const std::string&)>;
+
+// Reads one "Tuple" element; raises on an unknown descriptor or field, or a
+// value that does not read as its field's type.
+Ptr<CpxTuple> ReadTupleXml(XmlReaderContext& reader, const CpxDescriptorFinder& find);
+void WriteTupleXml(XmlWriterContext& writer, const CpxTuple& tuple);
+
+}  // namespace vx

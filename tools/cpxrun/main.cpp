@@ -1,0 +1,100 @@
+// cpxrun: runs expression test suites, streams rows through a context, and
+// lists the registered operators.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "cpx_expressions/cpx_expression_test_suite.h"
+#include "cpx_expressions/cpx_operator_registry.h"
+#include "cpx_expressions/vx_expressions_build.h"
+#include "tools/cpxrun/run_command.h"
+
+namespace {
+
+struct TestOptions {
+  std::vector<std::string> suites;
+  bool reload = false;
+  bool persist = false;
+  bool store = false;
+};
+
+int RunTests(const TestOptions& options) {
+  unsigned passed = 0, failed = 0;
+  for (const std::string& path : options.suites) {
+    try {
+      vx::Ptr<vx::CpxExpressionContext_TestSuite> suite =
+          vx::CpxExpressionContext_TestSuite::LoadFromFile(path);
+      auto mode = options.store ? vx::CpxExpressionContext_TestSuite::PostExecute::kStore
+                                : vx::CpxExpressionContext_TestSuite::PostExecute::kCompare;
+      vx::CpxTestSuiteResult result = suite->Execute(mode, options.reload, options.persist);
+      passed += result.passed;
+      failed += result.failed;
+      for (const std::string& line : result.report) std::cout << line << "\n";
+      if (options.store) {
+        std::ofstream out(path, std::ios::trunc);
+        out << suite->WriteToString();
+        if (!out) {
+          std::cerr << path << ": cannot write the stored results\n";
+          ++failed;
+        }
+      }
+    } catch (const vx::ExceptionType& e) {
+      // A suite that cannot be loaded or run counts as one failed test.
+      ++failed;
+      std::cout << "\n=================\n\tFAILED test\n=================\n"
+                << path << ": " << e.what() << "\n";
+    }
+  }
+  std::cout << passed << " passed, " << failed << " failed" << std::endl;
+  return failed == 0 ? 0 : 1;
+}
+
+int ListOperators() {
+  for (const vx::CpxOperatorInfo& info : vx::CpxExpressionOperatorRegistry::Instance().GetAll())
+    std::printf("%-28s in: %-34s out: %s\n", info.type->local.c_str(), info.inputs, info.outputs);
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"cpxrun: runs expression contexts and their test suites"};
+  app.set_version_flag("--version", vx_expressions_get_full_build_version_string());
+  app.require_subcommand(1);
+
+  TestOptions test;
+  CLI::App* test_cmd = app.add_subcommand("test", "Run XML test suites; prints 'N passed, M failed'");
+  test_cmd->add_option("suites", test.suites, "Test suite files")->required()->check(CLI::ExistingFile);
+  test_cmd->add_flag("--reload", test.reload,
+                     "Write each context to XML and read it back before running");
+  test_cmd->add_flag("--persist", test.persist, "Run every suite with the persistent store");
+  test_cmd->add_flag("--store", test.store, "Write the actual results into the suite files");
+
+  cpxrun::RunOptions run;
+  CLI::App* run_cmd = app.add_subcommand(
+      "run", "Stream rows of the context's first input descriptor and print the output tuples");
+  run_cmd->add_option("context", run.context_path, "Expression context file")
+      ->required()
+      ->check(CLI::ExistingFile);
+  run_cmd->add_option("--input", run.input, "Input rows file, or - for standard input");
+  run_cmd->add_option("--output", run.output, "Write output rows to this file");
+  run_cmd->add_option("--format", run.format, "Row format")->check(CLI::IsMember({"jsonl", "csv"}));
+  run_cmd->add_option("--group-by", run.group_by, "Group-by fields of the input descriptor")
+      ->delimiter(',');
+
+  app.add_subcommand("operators", "List every registered operator type with its shape");
+
+  CLI11_PARSE(app, argc, argv);
+  try {
+    if (*test_cmd) return RunTests(test);
+    if (*run_cmd) return cpxrun::RunCommand(run, std::cerr);
+    return ListOperators();
+  } catch (const std::exception& e) {
+    std::cerr << "cpxrun: " << e.what() << "\n";
+    return 1;
+  }
+}

@@ -1,0 +1,79 @@
+// `cpxrun run`: streams rows through an expression context.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+#include <vector>
+
+namespace cpxrun {
+
+struct RunOptions {
+  std::string context_path;           // CONTEXT.xml
+  std::string input = "-";            // file path or "-" for stdin
+  std::string output;                 // empty = stdout
+  std::string format = "jsonl";       // "jsonl" or "csv"
+  std::vector<std::string> group_by;  // field names of the first input descriptor
+};
+
+// Loads the context at `options.context_path`, reads rows of its first input
+// descriptor from the input and writes the output tuples of every row, one
+// line per output tuple, in the input's format. Returns the process exit
+// status: 0 when every row ran, 1 on the first error. Every error is one line
+// on `err`: "<file>:<line>: <cause>", where the file is the input path (or
+// "stdin") and the line is where the offending row starts; load errors carry
+// the context document's own file and line.
+//
+// Rows
+//   - Each row becomes a tuple of the first input descriptor; fields the row
+//     does not give are NULL (defaults are not applied). Any further input
+//     descriptor receives its default tuple on every row.
+//   - `_sign` ("+" or "-") sets the tuple type; `_ts` (a time text) sets the
+//     tuple's timestamp and is the evaluation time of the row. Without `_ts`
+//     the timestamp is 0 and the evaluation time is the current time in
+//     microseconds since the epoch.
+//   - With `group_by`, the context is grouped on those fields of the first
+//     input descriptor and every group runs in its own evaluator.
+//   - A row whose run ends through a stop operator (IfTrueStop, IfFalseStop)
+//     produces no output: that is how a filter drops a row. Otherwise every
+//     output tuple is written, in output descriptor order.
+//   - Blank input lines are skipped.
+//
+// JSON Lines
+//   - One object per line; keys are field names, `_sign` and `_ts`; unknown
+//     keys are an error. `null` is NULL (and, for `_sign`/`_ts`, "not given").
+//   - A value is a JSON boolean for a boolean field, a JSON number for an
+//     integer, long or float field (integers must be whole and in range), or
+//     for any field a JSON string holding the value's text form.
+//   - Output objects hold the fields in descriptor order, preceded by
+//     `"_tuple"` (the descriptor name) when the context has more than one
+//     output descriptor, and followed by `"_sign":"-"` only for a negative
+//     tuple and `"_ts"` only when the tuple's timestamp is not 0. NULL is
+//     `null`; booleans are true/false; integers, longs and finite floats are
+//     numbers (a float is printed so that it reads back to the same double);
+//     NaN, infinities and all other types are strings holding the text form.
+//     A string that is not valid UTF-8 cannot be written as JSON and is an
+//     error.
+//
+// CSV
+//   - The first record is a header naming fields of the first input
+//     descriptor and optionally `_sign` and `_ts`; every later record must
+//     have as many cells. RFC 4180 quoting: a quoted cell may hold commas,
+//     doubled quotes and line breaks. An empty unquoted cell is NULL (or "not
+//     given" for `_sign`/`_ts`); a quoted empty cell `""` is an empty string.
+//     Cells hold text forms. A blank line is skipped, so in a one-column file
+//     a NULL row cannot be written as an empty line.
+//   - Output: the output descriptor's field names as a header (written once,
+//     before the first row), then one record per output tuple; NULL is an
+//     empty cell, an empty string is `""`, and a cell holding a comma, quote,
+//     or line break is quoted. Records end with "\n". Sign and timestamp are
+//     not written. CSV output requires exactly one output descriptor.
+//
+// Output goes to `options.output` (created or truncated) or to stdout. The
+// output is flushed whenever the input has no buffered data left, so a
+// pipeline sees each row's result before the next row arrives.
+//
+// While the command runs, engine log messages are routed to `err`; a message
+// that is raised as an error is reported once, with its row's location.
+int RunCommand(const RunOptions& options, std::ostream& err);
+
+}  // namespace cpxrun
