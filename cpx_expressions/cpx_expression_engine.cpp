@@ -82,6 +82,33 @@ bool CpxExpressionOperator_Engine::CheckAllFieldsAvailable(CpxExpressionEvaluato
   return true;
 }
 
+void CpxExpressionOperator_Engine::InsureParameterCounts(int inputs, int outputs) const {
+  if (inputs >= 0 && GetInputParameters().size() != static_cast<size_t>(inputs))
+    VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
+  if (outputs >= 0 && GetOutputParameters().size() != static_cast<size_t>(outputs))
+    VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
+}
+
+void CpxExpressionOperator_Engine::InsureInputType(unsigned i, CpxFieldKind kind) const {
+  const XmlQName& type = CpxTupleFieldTypes::FromKind(kind);
+  if (CheckFieldType(GetInputParameters(), i, type)) return;
+  switch (i) {
+    case 0: VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_FIRST_INPUT_WRONG_TYPE, {"type_name", type.local});
+    case 1: VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_SECOND_INPUT_WRONG_TYPE, {"type_name", type.local});
+    case 2: VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_THIRD_INPUT_WRONG_TYPE, {"type_name", type.local});
+    case 3: VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_FOURTH_INPUT_WRONG_TYPE, {"type_name", type.local});
+    default:
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_NTH_INPUT_WRONG_TYPE, {"type_name", type.local},
+                                  {"index", i + 1});
+  }
+}
+
+void CpxExpressionOperator_Engine::InsureOutputType(unsigned i, CpxFieldKind kind) const {
+  const XmlQName& type = CpxTupleFieldTypes::FromKind(kind);
+  if (!CheckFieldType(GetOutputParameters(), i, type))
+    VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_OUTPUT_WRONG_TYPE, {"type_name", type.local});
+}
+
 // ---- evaluator ----
 
 CpxExpressionEvaluator_Engine::CpxExpressionEvaluator_Engine(
@@ -197,7 +224,7 @@ Ptr<CpxExpressionContext_Engine> Load(XmlReaderContext& reader,
     if (reader.MoveToContent()) reader.RaiseUnexpected("end of document");
     ctx->EnsureValid();
   } catch (ExceptionType& e) {
-    e.SetDocumentLocation(reader.GetFileName(), reader.GetLine());
+    SetFaultLocation(e, reader);
     throw;
   }
   return ctx;

@@ -90,6 +90,15 @@ class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionT
                                       const ParamList& list);
 
  protected:
+  // Raises VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS or
+  // ..._OUTPUT_PARAMETERS unless the counts are exact (-1 skips a check).
+  void InsureParameterCounts(int inputs, int outputs) const;
+  // Raises the FIRST/SECOND/THIRD/FOURTH/NTH_INPUT_WRONG_TYPE definition
+  // unless input i has type `kind`.
+  void InsureInputType(unsigned i, CpxFieldKind kind) const;
+  // Raises VX_SERVER_EXPRESSION_OUTPUT_WRONG_TYPE unless output i has `kind`.
+  void InsureOutputType(unsigned i, CpxFieldKind kind) const;
+
   // The tuple holding the i-th input (output) parameter's field, and the
   // field's position in it. Raises the index-out-of-range error past the list.
   CpxTuple* GetInputTupleField(CpxExpressionEvaluator_Engine* evaluator, unsigned i,

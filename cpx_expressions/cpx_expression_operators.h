@@ -114,7 +114,7 @@ class CpxExpressionOperator_Fold_Engine : public CpxExpressionOperator_Engine {
     CpxExpressionOperator_Engine::InsureValidParameters();
     const XmlQName& type = Field::GetTupleFieldType();
     if (!DoInsureValidParameters(type, 1, -1, type, 1, 1))
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_PARAMETERS_TWO_OR_MORE_INPUT_1_OUTPUT,
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT,
                                   {"type_name", type.local});
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {

@@ -190,7 +190,7 @@ Ptr<CpxExpressionContext_TestSuite> CpxExpressionContext_TestSuite::LoadFromFile
     suite->XmlRead(*reader);
     if (reader->MoveToContent()) reader->RaiseUnexpected("end of document");
   } catch (ExceptionType& e) {
-    e.SetDocumentLocation(reader->GetFileName(), reader->GetLine());
+    SetFaultLocation(e, *reader);
     throw;
   }
   return suite;

@@ -52,9 +52,7 @@ class CpxExpressionOperator_Goto_Engine final : public CpxExpressionOperator_Eng
     if (GetInputParameters().size() != 1)
       VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_PARAMETERS_1_INPUT_0_OUTPUT,
                                   {"type_name", "integer"});
-    if (!CheckFieldType(GetInputParameters(), 0, CpxTupleFieldTypes::IntegerFieldType()))
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_FIRST_INPUT_WRONG_TYPE,
-                                  {"type_name", "integer"});
+    InsureInputType(0, CpxFieldKind::Integer);
     if (!GetOutputParameters().empty())
       VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_PARAMETERS_1_INPUT_0_OUTPUT,
                                   {"type_name", "integer"});
@@ -79,14 +77,9 @@ class CpxExpressionOperator_IfGoto_Base : public CpxExpressionOperator_Engine {
     if (GetInputParameters().size() != 2)
       VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_PARAMETERS_TWO_INPUT_0_OUTPUT,
                                   {"input_type1", "boolean"});
-    if (!CheckFieldType(GetInputParameters(), 0, CpxTupleFieldTypes::BooleanFieldType()))
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_FIRST_INPUT_WRONG_TYPE,
-                                  {"type_name", "boolean"});
-    if (!CheckFieldType(GetInputParameters(), 1, CpxTupleFieldTypes::IntegerFieldType()))
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_SECOND_INPUT_WRONG_TYPE,
-                                  {"type_name", "integer"});
-    if (!GetOutputParameters().empty())
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
+    InsureInputType(0, CpxFieldKind::Boolean);
+    InsureInputType(1, CpxFieldKind::Integer);
+    InsureParameterCounts(-1, 0);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     unsigned pos = 0;
@@ -125,13 +118,9 @@ class CpxExpressionOperator_IfStop_Base : public CpxExpressionOperator_Engine {
  public:
   using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
   void InsureValidParameters() const override {
-    if (GetInputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
-    if (!CheckFieldType(GetInputParameters(), 0, CpxTupleFieldTypes::BooleanFieldType()))
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_FIRST_INPUT_WRONG_TYPE,
-                                  {"type_name", "boolean"});
-    if (!GetOutputParameters().empty())
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
+    InsureParameterCounts(1, -1);
+    InsureInputType(0, CpxFieldKind::Boolean);
+    InsureParameterCounts(-1, 0);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     unsigned pos = 0;
@@ -242,12 +231,8 @@ class CpxExpressionOperator_IsDefined_Base : public CpxExpressionOperator_Engine
   using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
   void InsureValidParameters() const override {
     CpxExpressionOperator_Engine::InsureValidParameters();
-    if (GetInputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
-    if (GetOutputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
-    if (!CheckFieldType(GetOutputParameters(), 0, CpxTupleFieldTypes::BooleanFieldType()))
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_OUTPUT_WRONG_TYPE, {"type_name", "boolean"});
+    InsureParameterCounts(1, 1);
+    InsureOutputType(0, CpxFieldKind::Boolean);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     unsigned in_pos = 0, out_pos = 0;
@@ -270,10 +255,7 @@ class CpxExpressionOperator_IsUndefined_Engine final
 class CpxExpressionOperator_Undefine_Engine final : public CpxExpressionOperator_Engine {
   VX_OPERATOR_TYPE(CpxExpressionOperator_Engine, Undefine)
   void InsureValidParameters() const override {
-    if (!GetInputParameters().empty())
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
-    if (GetOutputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
+    InsureParameterCounts(0, 1);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     unsigned pos = 0;
@@ -289,12 +271,8 @@ class CpxExpressionOperator_GetTimestamp_Engine final : public CpxExpressionOper
   VX_OPERATOR_TYPE(CpxExpressionOperator_Engine, GetTimestamp)
   void InsureValidParameters() const override {
     CpxExpressionOperator_Engine::InsureValidParameters();
-    if (GetInputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
-    if (GetOutputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
-    if (!CheckFieldType(GetOutputParameters(), 0, CpxTupleFieldTypes::TimeFieldType()))
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_OUTPUT_WRONG_TYPE, {"type_name", "time"});
+    InsureParameterCounts(1, 1);
+    InsureOutputType(0, CpxFieldKind::Time);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     unsigned in_pos = 0, out_pos = 0;
@@ -312,12 +290,9 @@ class CpxExpressionOperator_SetTimestamp_Engine final : public CpxExpressionOper
   VX_OPERATOR_TYPE(CpxExpressionOperator_Engine, SetTimestamp)
   bool ProhibitInputEqualOutputTuple() const override { return false; }
   void InsureValidParameters() const override {
-    if (GetInputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
-    if (!CheckFieldType(GetInputParameters(), 0, CpxTupleFieldTypes::TimeFieldType()))
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_FIRST_INPUT_WRONG_TYPE, {"type_name", "time"});
-    if (GetOutputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
+    InsureParameterCounts(1, -1);
+    InsureInputType(0, CpxFieldKind::Time);
+    InsureParameterCounts(-1, 1);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     unsigned in_pos = 0, out_pos = 0;
@@ -334,10 +309,7 @@ class CpxExpressionOperator_CopyTupleType_Engine final : public CpxExpressionOpe
   VX_OPERATOR_TYPE(CpxExpressionOperator_Engine, CopyTupleType)
   bool ProhibitInputEqualOutputTuple() const override { return false; }
   void InsureValidParameters() const override {
-    if (GetInputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
-    if (GetOutputParameters().size() != 1)
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
+    InsureParameterCounts(1, 1);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     unsigned in_pos = 0, out_pos = 0;

@@ -124,6 +124,17 @@ std::string LogMessage::Format() const {
     out += ": ";
   }
   out += GetText();
+  // Named values the text does not show are appended, so that a literal
+  // message still names what it is about.
+  std::string_view text = m_site ? m_site->GetText() : "";
+  std::string extra;
+  for (const LogValue& v : m_values) {
+    if (v.name == "line" || v.name == "file") continue;
+    if (text.find("{" + v.name + "}") != std::string_view::npos) continue;
+    if (!extra.empty()) extra += ", ";
+    extra += v.name + "=" + v.value;
+  }
+  if (!extra.empty()) out += " [" + extra + "]";
   return out;
 }
 

@@ -209,58 +209,41 @@ struct CpxTupleField_IntervalD2S : CpxTupleField_Fixed<int64_t, CpxFieldKind::In
   static std::string ToString(int64_t v);
 };
 
-struct CpxTupleField_String {
+// Byte-string values (string, blob, xml): a pointer and a byte length.
+template <CpxFieldKind K>
+struct CpxTupleField_Bytes {
   using ValueType = std::string_view;
-  static constexpr CpxFieldKind kKind = CpxFieldKind::String;
-  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::StringFieldType(); }
+  static constexpr CpxFieldKind kKind = K;
+  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::FromKind(K); }
+  static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
+    uint32_t size = 0;
+    const void* b = t->GetFieldValue(p, size);
+    return {static_cast<const char*>(b), size};
+  }
+  static void SetValue(CpxTuple& t, unsigned p, std::string_view v) {
+    t.SetFieldValue(p, static_cast<uint32_t>(v.size()), v.data());
+  }
+};
+
+struct CpxTupleField_String : CpxTupleField_Bytes<CpxFieldKind::String> {
   // Zero-terminated text.
   static const char* GetValue(PtrView<const CpxTuple> t, unsigned p) {
     return static_cast<const char*>(t->GetFieldValue(p));
   }
   static bool GetValue(PtrView<const CpxTuple> t, unsigned p, const char*& bytes, uint32_t& length);
   static uint32_t GetBytesLength(PtrView<const CpxTuple> t, unsigned p);
-  static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
-    uint32_t size = 0;
-    const void* b = t->GetFieldValue(p, size);
-    return {static_cast<const char*>(b), size};
-  }
-  static void SetValue(CpxTuple& t, unsigned p, std::string_view v) {
-    t.SetFieldValue(p, static_cast<uint32_t>(v.size()), v.data());
-  }
   static const char* GetDefaultValue() { return ""; }
 };
 
-struct CpxTupleField_Blob {
-  using ValueType = std::string_view;
-  static constexpr CpxFieldKind kKind = CpxFieldKind::Blob;
-  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::BlobFieldType(); }
-  static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
-    uint32_t size = 0;
-    const void* b = t->GetFieldValue(p, size);
-    return {static_cast<const char*>(b), size};
-  }
-  static void SetValue(CpxTuple& t, unsigned p, std::string_view v) {
-    t.SetFieldValue(p, static_cast<uint32_t>(v.size()), v.data());
-  }
+struct CpxTupleField_Blob : CpxTupleField_Bytes<CpxFieldKind::Blob> {
   // Upper-case hexadecimal, two digits a byte.
   static std::string ToHexString(std::string_view bytes);
   // Either case; false for odd length or a non-hex digit.
   static bool FromHexString(std::string& out, std::string_view text);
 };
 
-struct CpxTupleField_Xml {
-  using ValueType = std::string_view;
-  static constexpr CpxFieldKind kKind = CpxFieldKind::Xml;
-  static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::XmlFieldType(); }
-  static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
-    uint32_t size = 0;
-    const void* b = t->GetFieldValue(p, size);
-    return {static_cast<const char*>(b), size};
-  }
-  static void SetValue(CpxTuple& t, unsigned p, std::string_view v) {
-    t.SetFieldValue(p, static_cast<uint32_t>(v.size()), v.data());
-  }
-};
+// The value is the forest's XML text.
+struct CpxTupleField_Xml : CpxTupleField_Bytes<CpxFieldKind::Xml> {};
 
 // Text form of any field value (see the value-text table in the docs).
 // Returns false (and leaves the field unchanged) when `text` is not a value

@@ -3,6 +3,8 @@
 #include <libxml/parser.h>
 #include <libxml/tree.h>
 
+#include <cstdlib>
+
 namespace vx {
 
 const char* const kXsiNamespace = "http://www.w3.org/2001/XMLSchema-instance";
@@ -79,6 +81,17 @@ void XmlObject::RaiseParentNotSet(const std::string& object) {
 void RaiseDuplicateObject(const XmlNamedObject& object) {
   VX_RAISE(XmlObject::msg_duplicate_object, object.GetName(), {"name", object.GetName()},
            {"line", object.GetSourcePosition()}, {"file", object.GetSourceFile()});
+}
+
+void SetFaultLocation(ExceptionType& e, const XmlReaderContext& reader) {
+  const LogMessage& m = e.GetMessage();
+  const std::string* line = m.FindValue("line");
+  const std::string* file = m.FindValue("file");
+  if (line && file && !line->empty()) {
+    e.SetDocumentLocation(file->empty() ? reader.GetFileName() : *file, std::atoll(line->c_str()));
+  } else {
+    e.SetDocumentLocation(reader.GetFileName(), reader.GetLine());
+  }
 }
 
 // ---- XmlReaderContext ----

@@ -249,6 +249,11 @@ void XmlNamedObjectList<T>::RaiseDuplicate(const XmlNamedObject& object) {
   RaiseDuplicateObject(object);
 }
 
+// Gives a load fault its document location: the "file" and "line" the
+// message names when it names them (the element at fault), otherwise where
+// the reader stands.
+void SetFaultLocation(ExceptionType& e, const XmlReaderContext& reader);
+
 // A factory of objects keyed by type, with three creation arguments.
 template <class Base, class Key, class A1, class A2, class A3>
 class Factory_3 {

@@ -18,7 +18,9 @@
 #include <string>
 #include <vector>
 
+#include "cpx_expressions/cpx_operator_registry.h"
 #include "support/tuple.h"
+#include "tests/unit/test_util.h"
 // vx_unit_tests does not link the cpxrun sources, so the command is compiled
 // into this test directly.
 #include "tools/cpxrun/run_command.cpp"
@@ -36,11 +38,20 @@ std::string XmlEscape(std::string_view text) {
   std::string out;
   for (char c : text) {
     switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
+      case '&':
+        out += "&amp;";
+        break;
+      case '<':
+        out += "&lt;";
+        break;
+      case '>':
+        out += "&gt;";
+        break;
+      case '"':
+        out += "&quot;";
+        break;
+      default:
+        out += c;
     }
   }
   return out;
@@ -49,7 +60,7 @@ std::string XmlEscape(std::string_view text) {
 struct FieldDef {
   std::string name;
   std::string type;
-  std::optional<std::string> default_text;
+  std::optional<std::string> default_text = {};
 };
 
 std::string Descriptor(const std::string& name, const std::vector<FieldDef>& fields) {
@@ -62,12 +73,17 @@ std::string Descriptor(const std::string& name, const std::vector<FieldDef>& fie
   return xml + "</TupleDescriptor>";
 }
 
-// "In.a" -> an input field reference, "Out.sum" -> an output one.
-std::string Ref(const std::string& set, const std::string& tuple_dot_field) {
-  const size_t dot = tuple_dot_field.find('.');
-  return "<TupleFieldRef xsi:type=\"" + set + "TupleFieldRefType\" TupleRef=\"" +
-         tuple_dot_field.substr(0, dot) + "\" FieldRef=\"" + tuple_dot_field.substr(dot + 1) +
-         "\"/>";
+// "Input:In.a" -> a reference to field a of input tuple In.
+std::string Refs(const std::vector<std::string>& refs) {
+  std::string xml;
+  for (const std::string& r : refs) {
+    const size_t colon = r.find(':');
+    const size_t dot = r.find('.', colon);
+    xml +=
+        vx::testing::Ref(r.substr(0, colon).c_str(), r.substr(colon + 1, dot - colon - 1).c_str(),
+                         r.substr(dot + 1).c_str());
+  }
+  return xml;
 }
 
 struct OpDef {
@@ -77,58 +93,42 @@ struct OpDef {
   std::vector<std::string> outputs;  // same form
 };
 
-std::string Params(const char* element, const std::vector<std::string>& refs) {
-  std::string xml = std::string("<") + element + ">";
-  for (const std::string& r : refs) {
-    const size_t colon = r.find(':');
-    xml += Ref(r.substr(0, colon), r.substr(colon + 1));
-  }
-  return xml + "</" + element + ">";
-}
-
 std::string Context(const std::vector<std::string>& inputs, const std::vector<std::string>& outputs,
                     const std::vector<OpDef>& ops) {
-  std::string xml =
-      "<?xml version=\"1.0\"?>\n"
-      "<ExpressionContext Name=\"t\" xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\">\n";
-  xml += "<InputTuples>";
-  for (const std::string& d : inputs) xml += d;
-  xml += "</InputTuples>\n<OutputTuples>";
-  for (const std::string& d : outputs) xml += d;
-  xml += "</OutputTuples>\n<Operators>\n";
-  for (const OpDef& op : ops) {
-    xml += "<Operator Name=\"" + op.name + "\" xsi:type=\"" + op.type + "\">" +
-           Params("InputParameters", op.inputs) + Params("OutputParameters", op.outputs) +
-           "</Operator>\n";
-  }
-  return xml + "</Operators>\n</ExpressionContext>\n";
+  std::string body = "<InputTuples>";
+  for (const std::string& d : inputs) body += d;
+  body += "</InputTuples><OutputTuples>";
+  for (const std::string& d : outputs) body += d;
+  body += "</OutputTuples><Operators>";
+  for (const OpDef& op : ops)
+    body += vx::testing::Op(op.name.c_str(), op.type.c_str(), Refs(op.inputs), Refs(op.outputs));
+  return vx::testing::ContextXml(body + "</Operators>");
 }
 
 // A default string with a comma and quotes, so CSV output must quote it.
 const std::string kNote = "say \"hi\", then go";
 
-const std::string kInDescriptor = Descriptor(
-    "In", {{"k", "string"}, {"a", "integer"}, {"b", "float"}, {"flag", "boolean"}});
+const std::string kInDescriptor =
+    Descriptor("In", {{"k", "string"}, {"a", "integer"}, {"b", "float"}, {"flag", "boolean"}});
 
 // Drops rows whose flag is false; otherwise sum = a + a, b copied, has_k
 // tells whether k is not NULL, ts is the row's timestamp, and Out takes the
 // row's sign and timestamp.
 std::string FilterContext() {
-  return Context(
-      {kInDescriptor},
-      {Descriptor("Out", {{"sum", "integer"},
-                          {"b", "float"},
-                          {"has_k", "boolean"},
-                          {"note", "string", kNote},
-                          {"empty", "string", ""},
-                          {"ts", "time"}})},
-      {{"filter", "IfFalseStop", {"Input:In.flag"}, {}},
-       {"double", "AddInteger", {"Input:In.a", "Input:In.a"}, {"Output:Out.sum"}},
-       {"copy_b", "AddFloat", {"Input:In.b"}, {"Output:Out.b"}},
-       {"has_k", "IsDefined", {"Input:In.k"}, {"Output:Out.has_k"}},
-       {"get_ts", "GetTimestamp", {"Input:In.k"}, {"Output:Out.ts"}},
-       {"set_ts", "SetTimestamp", {"Output:Out.ts"}, {"Output:Out.sum"}},
-       {"sign", "CopyTupleType", {"Input:In.k"}, {"Output:Out.sum"}}});
+  return Context({kInDescriptor},
+                 {Descriptor("Out", {{"sum", "integer"},
+                                     {"b", "float"},
+                                     {"has_k", "boolean"},
+                                     {"note", "string", kNote},
+                                     {"empty", "string", ""},
+                                     {"ts", "time"}})},
+                 {{"filter", "IfFalseStop", {"Input:In.flag"}, {}},
+                  {"double", "AddInteger", {"Input:In.a", "Input:In.a"}, {"Output:Out.sum"}},
+                  {"copy_b", "AddFloat", {"Input:In.b"}, {"Output:Out.b"}},
+                  {"has_k", "IsDefined", {"Input:In.k"}, {"Output:Out.has_k"}},
+                  {"get_ts", "GetTimestamp", {"Input:In.k"}, {"Output:Out.ts"}},
+                  {"set_ts", "SetTimestamp", {"Output:Out.ts"}, {"Output:Out.sum"}},
+                  {"sign", "CopyTupleType", {"Input:In.k"}, {"Output:Out.sum"}}});
 }
 
 // y = x for one float field.
@@ -195,6 +195,7 @@ class RunCommandTest : public ::testing::Test {
     options.input = Path("input." + format).string();
     WriteFile(options.input, input);
     options.output = Path("output." + format).string();
+    fs::remove(options.output);  // a run that fails early must leave none
     options.format = format;
     options.group_by = std::move(group_by);
     std::ostringstream err;
@@ -205,7 +206,9 @@ class RunCommandTest : public ::testing::Test {
     return result;
   }
 
-  std::string InputPath(const std::string& format) const { return Path("input." + format).string(); }
+  std::string InputPath(const std::string& format) const {
+    return Path("input." + format).string();
+  }
 
   fs::path m_dir;
 };
@@ -220,20 +223,22 @@ struct FilterRow {
   std::optional<double> b;
   bool passes = true;
   bool negative = false;
-  std::optional<std::string> ts;
+  std::optional<std::string> ts = {};
 };
 
 Json ExpectedFilterOutput(const FilterRow& row) {
   Json out = Json::object();
   // Integer addition wraps around.
-  out["sum"] = row.a ? Json(static_cast<int32_t>(2u * static_cast<uint32_t>(*row.a)))
-                     : Json(nullptr);
+  out["sum"] =
+      row.a ? Json(static_cast<int32_t>(2u * static_cast<uint32_t>(*row.a))) : Json(nullptr);
   out["b"] = row.b ? Json(*row.b) : Json(nullptr);
   out["has_k"] = row.k.has_value();
   out["note"] = kNote;
   out["empty"] = "";
   int64_t ts = 0;
-  if (row.ts) EXPECT_TRUE(vx::CpxTupleField_Time::FromString(ts, *row.ts)) << *row.ts;
+  if (row.ts) {
+    EXPECT_TRUE(vx::CpxTupleField_Time::FromString(ts, *row.ts)) << *row.ts;
+  }
   out["ts"] = vx::CpxTupleField_Time::ToString(ts);
   if (row.negative) out["_sign"] = "-";
   if (row.ts) out["_ts"] = *row.ts;
@@ -275,13 +280,15 @@ TEST_F(RunCommandTest, JsonLinesValuesNullsSignsAndFilteredRows) {
     // Ordered comparison: keys must come in descriptor order.
     EXPECT_EQ(actual.dump(), expected[i].dump());
     EXPECT_TRUE(actual["has_k"].is_boolean());
-    if (!actual["sum"].is_null()) EXPECT_TRUE(actual["sum"].is_number_integer());
+    if (!actual["sum"].is_null()) {
+      EXPECT_TRUE(actual["sum"].is_number_integer());
+    }
   }
 }
 
 TEST_F(RunCommandTest, FloatsPrintSoTheyReadBackExactly) {
-  const std::vector<double> values = {0.1,     1.0 / 3.0, 0.1 + 0.2, 5e-324,
-                                      1.7976931348623157e308, -0.0, 2.0, 123456.789e-20};
+  const std::vector<double> values = {
+      0.1, 1.0 / 3.0, 0.1 + 0.2, 5e-324, 1.7976931348623157e308, -0.0, 2.0, 123456.789e-20};
   std::string input;
   for (double v : values) {
     char text[64];
@@ -323,7 +330,9 @@ TEST_F(RunCommandTest, NonFiniteFloatsAreTextAndJsonNumbersAreAccepted) {
     ASSERT_TRUE(vx::CpxTupleField_Float::FromString(in, texts[i]));
     ASSERT_TRUE(vx::CpxTupleField_Float::FromString(out, obj["y"].get<std::string>()));
     EXPECT_EQ(std::isnan(in), std::isnan(out)) << lines[i];
-    if (!std::isnan(in)) EXPECT_EQ(in, out) << lines[i];
+    if (!std::isnan(in)) {
+      EXPECT_EQ(in, out) << lines[i];
+    }
   }
   EXPECT_EQ(Json::parse(lines[3])["y"].get<double>(), 0.1);
   EXPECT_EQ(Json::parse(lines[4])["y"].get<double>(), -7.0);
@@ -411,23 +420,23 @@ TEST_F(RunCommandTest, CsvOutputReadsBackAsCsvInput) {
   RunResult first = Run(FilterContext(), first_input, "csv");
   ASSERT_EQ(first.status, 0) << first.err;
 
-  const std::string echo = Context(
-      {Descriptor("Out", {{"sum", "integer"},
-                          {"b", "float"},
-                          {"has_k", "boolean"},
-                          {"note", "string"},
-                          {"empty", "string"},
-                          {"ts", "time"}})},
-      {Descriptor("Echo", {{"sum", "integer"},
-                           {"b", "float"},
-                           {"note_set", "boolean"},
-                           {"empty_set", "boolean"},
-                           {"has_k", "boolean"}})},
-      {{"sum", "AddInteger", {"Input:Out.sum"}, {"Output:Echo.sum"}},
-       {"b", "AddFloat", {"Input:Out.b"}, {"Output:Echo.b"}},
-       {"note", "IsDefined", {"Input:Out.note"}, {"Output:Echo.note_set"}},
-       {"empty", "IsDefined", {"Input:Out.empty"}, {"Output:Echo.empty_set"}},
-       {"has_k", "IsDefined", {"Input:Out.has_k"}, {"Output:Echo.has_k"}}});
+  const std::string echo =
+      Context({Descriptor("Out", {{"sum", "integer"},
+                                  {"b", "float"},
+                                  {"has_k", "boolean"},
+                                  {"note", "string"},
+                                  {"empty", "string"},
+                                  {"ts", "time"}})},
+              {Descriptor("Echo", {{"sum", "integer"},
+                                   {"b", "float"},
+                                   {"note_set", "boolean"},
+                                   {"empty_set", "boolean"},
+                                   {"has_k", "boolean"}})},
+              {{"sum", "AddInteger", {"Input:Out.sum"}, {"Output:Echo.sum"}},
+               {"b", "AddFloat", {"Input:Out.b"}, {"Output:Echo.b"}},
+               {"note", "IsDefined", {"Input:Out.note"}, {"Output:Echo.note_set"}},
+               {"empty", "IsDefined", {"Input:Out.empty"}, {"Output:Echo.empty_set"}},
+               {"has_k", "IsDefined", {"Input:Out.has_k"}, {"Output:Echo.has_k"}}});
   RunResult second = Run(echo, first.out, "csv");
   ASSERT_EQ(second.status, 0) << second.err;
   const std::vector<std::string> expected = {
@@ -443,9 +452,9 @@ TEST_F(RunCommandTest, CsvOutputReadsBackAsCsvInput) {
 struct BadInput {
   std::string format;
   std::string input;
-  int line;           // the line the error must name
-  std::string cause;  // part of the message
-  size_t rows_before; // output lines written before the bad row
+  int line;            // the line the error must name
+  std::string cause;   // part of the message
+  size_t rows_before;  // output lines written before the bad row
 };
 
 TEST_F(RunCommandTest, BadRowsNameFileLineAndCause) {
@@ -527,6 +536,57 @@ TEST_F(RunCommandTest, SetupErrorsAreOneLine) {
   EXPECT_EQ(cpxrun::RunCommand(missing, err), 1);
   EXPECT_THAT(err.str(), HasSubstr("absent.jsonl"));
   EXPECT_EQ(ReadFile(missing.output), "earlier results\n") << "a missing input must not truncate";
+}
+
+// Raises during the run for a negative input and logs a warning (without
+// raising) for zero.
+class CheckSignOperator final : public vx::CpxExpressionOperator_Engine {
+ public:
+  using vx::CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
+  static const vx::XmlQName& GetOperatorType() {
+    static const vx::XmlQName name("TestRunCheckSign");
+    return name;
+  }
+  void InsureValidParameters() const override {}
+  void Execute(vx::CpxExpressionEvaluator_Engine* ev, unsigned) const override {
+    unsigned pos = 0;
+    const vx::CpxTuple* t = GetInputTupleField(ev, 0, pos);
+    if (!t->HasFieldValue(pos)) return;
+    const int32_t v = vx::CpxTupleField_Integer::GetValue(t, pos);
+    if (v < 0) VX_RAISE_TEXT("negative value {value}", GetName(), {"value", v});
+    if (v == 0) VX_LOG_TEXT(vx::LogLevel::Warning, "zero value seen", GetName());
+  }
+};
+
+TEST_F(RunCommandTest, EngineErrorsDuringARunNameTheRow) {
+  static const bool registered = [] {
+    static const vx::CpxOperatorInfo info =
+        VX_OPERATOR(CheckSignOperator, "1 integer", "none", "-", "Test check.");
+    vx::CpxExpressionOperatorRegistry::Instance().Register(info);
+    return true;
+  }();
+  ASSERT_TRUE(registered);
+  const std::string context =
+      Context({kInDescriptor}, {Descriptor("Out", {{"s", "integer"}})},
+              {{"check", "TestRunCheckSign", {"Input:In.a"}, {}},
+               {"add", "AddInteger", {"Input:In.a", "Input:In.a"}, {"Output:Out.s"}}});
+  const std::vector<int> as = {1, 0, 2, -1, 5};
+  const size_t bad_row = 3;  // index of the negative value
+  std::string input;
+  for (int a : as) input += Json{{"a", a}}.dump() + "\n";
+  RunResult r = Run(context, input, "jsonl");
+  EXPECT_EQ(r.status, 1);
+  std::vector<std::string> expected;
+  for (size_t i = 0; i < bad_row; ++i) expected.push_back(Json{{"s", as[i] + as[i]}}.dump());
+  EXPECT_EQ(Lines(r.out), expected);
+
+  // The warning passes through once; the raised error is reported once,
+  // with the row's line, and is the last line.
+  const std::vector<std::string> err = Lines(r.err);
+  ASSERT_EQ(err.size(), 2u) << r.err;
+  EXPECT_THAT(err[0], HasSubstr("zero value seen"));
+  EXPECT_THAT(err[1], StartsWith(InputPath("jsonl") + ":" + std::to_string(bad_row + 1) + ": "));
+  EXPECT_THAT(err[1], HasSubstr("negative value " + std::to_string(as[bad_row])));
 }
 
 TEST_F(RunCommandTest, FurtherInputDescriptorsGetTheirDefaults) {

@@ -145,7 +145,9 @@ class LineSource {
   int64_t m_line = 0;
 };
 
-bool IsBlank(std::string_view line) { return line.find_first_not_of(" \t") == std::string_view::npos; }
+bool IsBlank(std::string_view line) {
+  return line.find_first_not_of(" \t") == std::string_view::npos;
+}
 
 struct CsvCell {
   std::string text;
@@ -498,9 +500,11 @@ class Runner {
 
     std::unique_ptr<OutputWriter> writer;
     if (csv) {
-      writer = std::make_unique<CsvWriter>(*out, *m_ctx->GetOutputTupleDescriptors().GetObjectByPos(0));
+      writer =
+          std::make_unique<CsvWriter>(*out, *m_ctx->GetOutputTupleDescriptors().GetObjectByPos(0));
     } else {
-      writer = std::make_unique<JsonLinesWriter>(*out, m_ctx->GetOutputTupleDescriptors().GetSize() > 1);
+      writer =
+          std::make_unique<JsonLinesWriter>(*out, m_ctx->GetOutputTupleDescriptors().GetSize() > 1);
     }
     m_writer = writer.get();
     m_writer->WriteHeader();
@@ -599,7 +603,8 @@ class Runner {
     m_attrs = RowAttributes{};
   }
 
-  // Runs the row tuple and writes its outputs.
+  // Runs the row tuple and writes its outputs. Messages the engine logged
+  // along the way (without raising) go out after the row.
   void RunRow() {
     m_row->SetTupleType(m_attrs.negative ? vx::Message::kNegative : vx::Message::kPositive);
     m_row->SetTimestamp(m_attrs.timestamp.value_or(0));
@@ -607,11 +612,13 @@ class Runner {
     vx::Ptr<vx::CpxExpressionEvaluator_Engine> ev = m_ctx->GetEvaluator(*m_row);
     ev->Reset();
     ev->Execute(now, m_inputs);
+    m_log.Flush();
     // A stop operator leaves the next-operator index past the end: the row
     // was filtered out.
     if (ev->GetNextOperator() > ev->GetMaxOperator()) return;
     const vx::CpxTuplesList_Vector* outputs = ev->GetOutputTuples();
-    for (unsigned i = 0; i < outputs->GetSize(); ++i) m_writer->WriteTuple(*outputs->GetObjectByPos(i));
+    for (unsigned i = 0; i < outputs->GetSize(); ++i)
+      m_writer->WriteTuple(*outputs->GetObjectByPos(i));
   }
 
   bool StreamJsonLines(LineSource& lines, std::ostream& out) {
@@ -690,9 +697,15 @@ class Runner {
           const CsvCell& cell = cells[c];
           if (cell.IsNull()) continue;
           switch (columns[c].kind) {
-            case CsvColumn::kField: SetFieldText(*m_row, columns[c].pos, cell.text); break;
-            case CsvColumn::kSign: ReadSignText(cell.text, m_attrs); break;
-            case CsvColumn::kTimestamp: ReadTimestampText(cell.text, m_attrs); break;
+            case CsvColumn::kField:
+              SetFieldText(*m_row, columns[c].pos, cell.text);
+              break;
+            case CsvColumn::kSign:
+              ReadSignText(cell.text, m_attrs);
+              break;
+            case CsvColumn::kTimestamp:
+              ReadTimestampText(cell.text, m_attrs);
+              break;
           }
         }
         RunRow();
@@ -722,8 +735,8 @@ class Runner {
         duplicate = seen[column.pos];
         seen[column.pos] = true;
       } else {
-        throw RowError("header names unknown field " + Quoted(name) + " (not in input descriptor '" +
-                       m_row_td->GetName() + "')");
+        throw RowError("header names unknown field " + Quoted(name) +
+                       " (not in input descriptor '" + m_row_td->GetName() + "')");
       }
       if (duplicate) throw RowError("header names " + Quoted(name) + " twice");
       columns.push_back(column);
