@@ -23,7 +23,7 @@
 #include "tests/unit/test_util.h"
 // vx_unit_tests does not link the cpxrun sources, so the command is compiled
 // into this test directly.
-#include "tools/cpxrun/run_command.cpp"
+#include "tools/cpxrun/run_command.h"
 
 namespace {
 
@@ -284,6 +284,23 @@ TEST_F(RunCommandTest, JsonLinesValuesNullsSignsAndFilteredRows) {
       EXPECT_TRUE(actual["sum"].is_number_integer());
     }
   }
+}
+
+// Only a stop drops a row: a jump past the end (or to a negative position)
+// ends the run normally and the row's outputs are printed.
+TEST_F(RunCommandTest, JumpPastTheEndIsNotAStop) {
+  const std::string context =
+      Context({Descriptor("In", {{"id", "integer"}, {"target", "integer"}, {"stop", "boolean"}})},
+              {Descriptor("Out", {{"id", "integer"}})},
+              {{"copy", "AddInteger", {"Input:In.id"}, {"Output:Out.id"}},
+               {"jump", "Goto", {"Input:In.target"}, {}},
+               {"halt", "IfTrueStop", {"Input:In.stop"}, {}}});
+  RunResult r = Run(context,
+                    "{\"id\":1,\"target\":7}\n{\"id\":2,\"target\":-1}\n"
+                    "{\"id\":3,\"target\":2,\"stop\":true}\n{\"id\":4,\"target\":2}\n",
+                    "jsonl");
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(r.out, "{\"id\":1}\n{\"id\":2}\n{\"id\":4}\n");
 }
 
 TEST_F(RunCommandTest, FloatsPrintSoTheyReadBackExactly) {

@@ -62,6 +62,7 @@ int ListOperators() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);
   CLI::App app{"cpxrun: runs expression contexts and their test suites"};
   app.set_version_flag("--version", vx_expressions_get_full_build_version_string());
   app.require_subcommand(1);

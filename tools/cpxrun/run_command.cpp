@@ -613,9 +613,10 @@ class Runner {
     ev->Reset();
     ev->Execute(now, m_inputs);
     m_log.Flush();
-    // A stop operator leaves the next-operator index past the end: the row
-    // was filtered out.
-    if (ev->GetNextOperator() > ev->GetMaxOperator()) return;
+    // A stop operator leaves the next-operator index at the operator count
+    // plus one: the row was filtered out. A jump past the end stores another
+    // value and ends the run normally.
+    if (ev->GetNextOperator() == ev->GetMaxOperator() + 1) return;
     const vx::CpxTuplesList_Vector* outputs = ev->GetOutputTuples();
     for (unsigned i = 0; i < outputs->GetSize(); ++i)
       m_writer->WriteTuple(*outputs->GetObjectByPos(i));

@@ -33,9 +33,11 @@ struct RunOptions {
 //     microseconds since the epoch.
 //   - With `group_by`, the context is grouped on those fields of the first
 //     input descriptor and every group runs in its own evaluator.
-//   - A row whose run ends through a stop operator (IfTrueStop, IfFalseStop)
-//     produces no output: that is how a filter drops a row. Otherwise every
-//     output tuple is written, in output descriptor order.
+//   - A row whose run ends through a stop operator (IfTrueStop, IfFalseStop:
+//     the next-operator index is the operator count plus one) produces no
+//     output: that is how a filter drops a row. A jump past the end ends the
+//     run normally. Otherwise every output tuple is written, in output
+//     descriptor order.
 //   - Blank input lines are skipped.
 //
 // JSON Lines
