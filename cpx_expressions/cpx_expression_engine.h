@@ -298,6 +298,28 @@ struct Equal_Tuple_WithKey {
   bool operator()(const CpxTuple& a, const Ptr<CpxTuple>& b) const { return (*this)(a, *b); }
   bool operator()(const Ptr<CpxTuple>& a, const CpxTuple& b) const { return (*this)(*a, b); }
 };
+// A tuple held in a state container, with the sequence number that orders
+// rows of equal key by arrival.
+struct CpxStoredTuple {
+  Ptr<CpxTuple> tuple;
+  uint64_t sequence = 0;
+};
+
+struct Hash_CpxStoredTuple_WithKey {
+  const CpxTupleKey_Engine* key;
+  size_t operator()(const CpxStoredTuple& t) const {
+    return CpxTupleKey_Engine::GetHash(*t.tuple, *key);
+  }
+};
+// Key order of stored tuples by their values (equal keys are equivalent).
+struct Less_CpxStoredTuple_ByValue_WithKey {
+  const CpxTupleKey_Engine* key;
+  bool operator()(const CpxStoredTuple& a, const CpxStoredTuple& b) const {
+    return CpxTupleKey_Engine::CompareByKey(*a.tuple, *key, *b.tuple, *key,
+                                            CpxTuple::kNullsFirst) < 0;
+  }
+};
+
 struct Less_Tuple_WithKey {
   const CpxTupleKey_Engine* key;
   bool operator()(const Ptr<CpxTuple>& a, const Ptr<CpxTuple>& b) const {
@@ -309,6 +331,31 @@ struct LessReverse_Tuple_WithKey {
   bool operator()(const Ptr<CpxTuple>& a, const Ptr<CpxTuple>& b) const {
     return CpxTupleKey_Engine::CompareReverseByKey(*a, *key, *b, *key, CpxTuple::kNullsFirst) < 0;
   }
+};
+
+// A hashed multiset of tuples by key that also counts its members.
+class CpxTuple_HashSetWithSize_Engine {
+ public:
+  explicit CpxTuple_HashSetWithSize_Engine(const CpxTupleKey_Engine* key)
+      : m_set(16, Hash_Tuple_WithKey{key}, Equal_Tuple_WithKey{key}) {}
+  void Insert(Ptr<CpxTuple> tuple) {
+    m_set.insert(std::move(tuple));
+    ++m_size;
+  }
+  // Removes one member equal to `tuple` by key; false when there is none.
+  bool EraseOne(const CpxTuple& tuple) {
+    auto it = m_set.find(tuple);
+    if (it == m_set.end()) return false;
+    m_set.erase(it);
+    --m_size;
+    return true;
+  }
+  size_t Count(const CpxTuple& tuple) const { return m_set.count(tuple); }
+  uint32_t GetSize() const { return m_size; }
+
+ private:
+  VxMemoryHashMultiSet<Ptr<CpxTuple>, Hash_Tuple_WithKey, Equal_Tuple_WithKey> m_set;
+  uint32_t m_size = 0;
 };
 
 extern template class CpxTupleFieldRef<CpxExpressionTypes>;

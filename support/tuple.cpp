@@ -272,6 +272,66 @@ std::string CpxTuple::ToString() const {
   return out + "}";
 }
 
+// ---- serialisation ----
+
+uint32_t CpxTuple::GetFieldSerializeSize(unsigned p) const {
+  const FieldSlot& s = Slot(p);
+  if (!s.present) return 1;
+  CpxFieldKind kind = m_td->GetFieldKind(p);
+  return IsVariableSizeKind(kind) ? 1 + 4 + s.size : 1 + FixedSizeOfKind(kind);
+}
+
+uint32_t CpxTuple::GetRequiredBufferSize() const {
+  uint32_t size = 0;
+  for (unsigned i = 0; i < m_count; ++i) size += GetFieldSerializeSize(i);
+  return size;
+}
+
+uint32_t CpxTuple::SerializeBody(unsigned char* buffer, uint32_t size) const {
+  uint32_t at = 0;
+  for (unsigned i = 0; i < m_count; ++i) {
+    const uint32_t need = GetFieldSerializeSize(i);
+    if (at + need > size) XmlObject::RaiseIndexOutOfRange(at + need, size, "tuple buffer");
+    const FieldSlot& s = m_slots[i];
+    buffer[at++] = s.present ? 1 : 0;
+    if (!s.present) continue;
+    if (IsVariableSizeKind(m_td->GetFieldKind(i))) {
+      std::memcpy(buffer + at, &s.size, 4);
+      at += 4;
+      if (s.size) std::memcpy(buffer + at, s.var, s.size);
+      at += s.size;
+    } else {
+      const uint32_t fixed = FixedSizeOfKind(m_td->GetFieldKind(i));
+      std::memcpy(buffer + at, s.fixed, fixed);
+      at += fixed;
+    }
+  }
+  return at;
+}
+
+bool CpxTuple::DeserializeBody(const unsigned char* bytes, uint32_t size) {
+  uint32_t at = 0;
+  for (unsigned i = 0; i < m_count; ++i) {
+    if (at >= size) return false;
+    const unsigned char flag = bytes[at++];
+    if (flag == 0) {
+      ClearFieldValue(i);
+      continue;
+    }
+    if (flag != 1) return false;
+    uint32_t len = FixedSizeOfKind(m_td->GetFieldKind(i));
+    if (IsVariableSizeKind(m_td->GetFieldKind(i))) {
+      if (size - at < 4) return false;
+      std::memcpy(&len, bytes + at, 4);
+      at += 4;
+    }
+    if (size - at < len) return false;
+    SetFieldValue(i, len, bytes + at);
+    at += len;
+  }
+  return at == size;
+}
+
 // ---- descriptors ----
 
 CpxTupleField::CpxTupleField(std::string name, CpxFieldKind kind,

@@ -126,6 +126,20 @@ class CpxTuple : public Message {
   // "Name[ts=..., sign=+]{field=value, field=NULL, ...}" for messages.
   std::string ToString() const;
 
+  // Serialised field values, for persistent storage. The body holds, per
+  // field in order, a presence byte (0 NULL, 1 value) and for a value its
+  // stored bytes: fixed-size values as stored (little-endian on this
+  // platform), variable-size values as a 4-byte length and the bytes. The
+  // timestamp and tuple type are not part of the body.
+  uint32_t GetFieldSerializeSize(unsigned p) const;
+  uint32_t GetRequiredBufferSize() const;
+  // Writes the body into `buffer` (at least GetRequiredBufferSize bytes);
+  // returns the bytes written.
+  uint32_t SerializeBody(unsigned char* buffer, uint32_t size) const;
+  // Replaces every field from a body; false (fields then unspecified) when
+  // the bytes are not a body of this descriptor.
+  bool DeserializeBody(const unsigned char* bytes, uint32_t size);
+
  protected:
   CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp);
 
