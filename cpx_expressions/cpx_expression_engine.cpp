@@ -1,5 +1,6 @@
 #include "cpx_expressions/cpx_expression_engine.h"
 
+#include <cstring>
 #include <unordered_map>
 
 #include "cpx_expressions/cpx_operator_registry.h"
@@ -138,7 +139,10 @@ CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::GetOperatorSta
     unsigned position) {
   if (position >= m_states.size()) XmlObject::RaiseIndexOutOfRange(position, m_states.size(), "operator states");
   Ptr<CpxExpressionOperatorState_Engine>& state = m_states[position];
-  if (!state) state = m_context->GetOperatorByPos(position)->CreateState();
+  if (!state) {
+    state = m_context->GetOperatorByPos(position)->CreateState();
+    if (state && m_batch) state->InitializePersistence(m_batch, m_key, position);
+  }
   return state.Get();
 }
 
@@ -162,6 +166,9 @@ void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
     if (m_next_operator == p) m_next_operator = p + 1;
     p = m_next_operator;
   }
+  // The last row of a group has run: its records go, after everything the
+  // row itself wrote.
+  if (m_cleanup_on_exit && m_batch) RemoveAllFromPersistentStorage();
 }
 
 void CpxExpressionEvaluator_Engine::Reset() {
@@ -192,6 +199,14 @@ uint32_t CpxExpressionEvaluator_Engine::ChangeTuplesCount(const CpxTuple& tuple)
     ++m_tuples_count;
   } else if (type == Message::kNegative) {
     --m_tuples_count;
+  }
+  if (m_batch && m_group_tuple) {
+    // Group record: the live-row count, then the group's key values.
+    m_record.resize(4 + m_group_tuple->GetRequiredBufferSize());
+    std::memcpy(m_record.data(), &m_tuples_count, 4);
+    m_group_tuple->SerializeBody(reinterpret_cast<unsigned char*>(m_record.data()) + 4,
+                                 static_cast<uint32_t>(m_record.size() - 4));
+    m_batch->Put(m_key, m_record);
   }
   return m_tuples_count;
 }
@@ -258,7 +273,24 @@ Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::NewEvaluator() c
   return ev;
 }
 
+void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesList> input_tuples,
+                                                       CpxPersistentStorageBatch* batch,
+                                                       const CpxPersistentStorageKey& key,
+                                                       CpxPersistentStorageMessageCache* cache,
+                                                       CpxPersistentStorageManager* manager) {
+  InitializeEvaluators(input_tuples);
+  m_batch = batch;
+  m_key = key;
+  m_cache = cache;
+  m_manager = manager;
+}
+
 void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesList>) {
+  m_batch = nullptr;
+  m_cache = nullptr;
+  m_manager = nullptr;
+  m_restoring.clear();
+  m_next_group_id = 1;
   m_variables = MakePtr<CpxTuplesList_Vector>();
   for (const Ptr<CpxTupleDescriptor>& td : GetVariableTupleDescriptors())
     m_variables->Add(td->CreateDefaultTuple());
@@ -281,7 +313,14 @@ void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesLi
 Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::GetEvaluator(const CpxTuple& tuple) {
   if (!m_initialized) InitializeEvaluators();
   if (!m_map) {
-    if (!m_single) m_single = NewEvaluator();
+    if (!m_single) {
+      m_single = NewEvaluator();
+      if (m_batch) {
+        CpxPersistentStorageKey key = m_key;
+        key.AppendTypedValue<uint8_t>(0);
+        m_single->SetPersistentKey(m_batch, key);
+      }
+    }
     return m_single;
   }
   // The lookup only views the row; the map keeps its own copy of a new
@@ -290,17 +329,41 @@ Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::GetEvaluator(con
   if (it != m_map->map.end()) {
     Ptr<CpxExpressionEvaluator_Engine> ev = it->second;
     if (ev->ChangeTuplesCount(tuple) == 0) {
+      uint64_t id = 0;
+      if (m_cache && ev->GetPersistentKey().GetTypedValue(m_key.GetValuesNumber() + 1, id))
+        m_cache->RemoveRecord(id);
       ev->SetCleanupOnExit(true);
       m_map->map.erase(it);
       --m_group_count;
     }
     return ev;
   }
-  Ptr<CpxExpressionEvaluator_Engine> ev = NewEvaluator();
+  const uint64_t id = m_cache ? m_cache->NewGroupId() : m_next_group_id++;
+  Ptr<CpxExpressionEvaluator_Engine> ev = NewGroupEvaluator(id);
+  if (m_cache) m_cache->AddRecord(id);
+  Ptr<CpxTuple> key_row = tuple.Copy();
+  ev->SetGroupTuple(key_row);
   ev->ChangeTuplesCount(tuple);
-  m_map->map.emplace(tuple.Copy(), ev);
+  m_map->map.emplace(std::move(key_row), ev);
   ++m_group_count;
   return ev;
+}
+
+Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::NewGroupEvaluator(
+    uint64_t group_id) const {
+  Ptr<CpxExpressionEvaluator_Engine> ev = NewEvaluator();
+  if (m_batch) {
+    CpxPersistentStorageKey key = m_key;
+    key.AppendTypedValue<uint8_t>(1);
+    key.AppendTypedValue<uint64_t>(group_id);
+    ev->SetPersistentKey(m_batch, key);
+  }
+  return ev;
+}
+
+void CpxExpressionContext_Engine::InsertGroup(const Ptr<CpxExpressionEvaluator_Engine>& evaluator) {
+  if (!m_map) return;
+  if (m_map->map.emplace(evaluator->GetGroupTuple(), evaluator).second) ++m_group_count;
 }
 
 void CpxExpressionContext_Engine::ResetEvaluators() {
@@ -312,6 +375,10 @@ void CpxExpressionContext_Engine::ResetEvaluators() {
 void CpxExpressionContext_Engine::ShutdownEvaluators() {
   m_single = nullptr;
   m_map.reset();
+  m_restoring.clear();
+  m_batch = nullptr;
+  m_cache = nullptr;
+  m_manager = nullptr;
   m_group_count = 0;
   m_initialized = false;
 }

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "support/memory.h"
+#include "support/storage.h"
 #include "support/tuple.h"
 #include "vx_xml_parser/cpx_expression.h"
 #include "vx_xml_parser/cpx_expression_operator_types.h"
@@ -32,7 +33,6 @@ class CpxExpressionEvaluator_Engine;
 class CpxExpressionOperator_Engine;
 class CpxExpressionOperatorState_Engine;
 class CpxTupleFieldRef_Engine;
-class CpxPersistentStorageBatch;
 
 // The type bundle the templates are instantiated over.
 struct CpxExpressionTypes {
@@ -67,9 +67,76 @@ class CpxTupleFieldRef_Engine : public CpxTupleFieldRef<CpxExpressionTypes> {
 // Run-time state of one operator in one evaluator (row history,
 // accumulators, compiled patterns). Created by the operator's CreateState on
 // the operator's first execution in that evaluator; survives Reset.
+//
+// With persistence, a state writes each item it changes to the evaluator's
+// batch under its state key (the evaluator key extended by the operator's
+// number), one record per item: the item number as a 4-byte block, any
+// further key blocks (a sequence number, a counted value), and the item's
+// bytes as the record's value. After a restart every record comes back
+// through RestoreFromPersistentStorage.
 class CpxExpressionOperatorState_Engine : public RefCounted {
  public:
+  using PutMessage = CpxPersistentStorageMessage_Put;
   ~CpxExpressionOperatorState_Engine() override = default;
+
+  // Builds the state key; called when the state is created in an evaluator
+  // that runs with persistence.
+  virtual void InitializePersistence(CpxPersistentStorageBatch* batch,
+                                     const CpxPersistentStorageKey& evaluator_key,
+                                     uint32_t operator_number);
+  const CpxPersistentStorageKey& GetPersistentKey() const { return m_key; }
+  CpxPersistentStorageBatch* GetPersistentBatch() const { return m_batch; }
+
+  // Puts item `item` with value `bytes`. Nothing happens without a batch.
+  void SaveRawBuffer(CpxPersistentStorageBatch* batch, uint32_t item, std::string_view bytes);
+  // The same for one of many items of a kind, told apart by `sub`.
+  void SaveKeyedRawBuffer(CpxPersistentStorageBatch* batch, uint32_t item, uint64_t sub,
+                          std::string_view bytes);
+  void EraseKeyedRawBuffer(CpxPersistentStorageBatch* batch, uint32_t item, uint64_t sub);
+  // Counted values (distinct strings and blobs): one record per value.
+  void SaveCountStringValue(CpxPersistentStorageBatch* batch, uint32_t item, std::string_view text,
+                            uint32_t count);
+  void EraseCountStringValue(CpxPersistentStorageBatch* batch, uint32_t item,
+                             std::string_view text);
+  void SaveCountBlobValue(CpxPersistentStorageBatch* batch, uint32_t item, std::string_view bytes,
+                          uint32_t count) {
+    SaveCountStringValue(batch, item, bytes, count);
+  }
+  void EraseCountBlobValue(CpxPersistentStorageBatch* batch, uint32_t item, std::string_view bytes) {
+    EraseCountStringValue(batch, item, bytes);
+  }
+
+  // The item number in block `block` of a stored record. Raises "The block
+  // {BlockNum} is not found ..." or "... has incorrect size ...".
+  static uint32_t GetValueType(const PutMessage& message, unsigned block);
+  // The value of a record whose item block is `block` and holds `item`.
+  static bool LoadRawBuffer(const PutMessage& message, unsigned block, uint32_t item,
+                            std::string_view& bytes);
+  // The sub key of a keyed record (the block after the item block).
+  static uint64_t LoadSubKey(const PutMessage& message, unsigned block);
+  static void LoadCountStringValue(const PutMessage& message, unsigned block, uint32_t item,
+                                   std::string& text, uint32_t& count);
+  static void LoadCountBlobValue(const PutMessage& message, unsigned block, uint32_t item,
+                                 std::string& bytes, uint32_t& count) {
+    LoadCountStringValue(message, block, item, bytes, count);
+  }
+
+  // Assigns the item of one stored record; `block` is the number of its item
+  // block. The base knows no item and raises
+  // VX_SERVER_EXPRESSION_PERSISTENCE_WRONG_RESTORED_VALUE_TYPE.
+  virtual void RestoreFromPersistentStorage(const PutMessage& message, unsigned block);
+  // Called once every record has been restored.
+  virtual void RestoreFinalize() {}
+
+ protected:
+  [[noreturn]] void RaiseUnknownItem(uint32_t item, const char* type_name) const;
+
+ private:
+  CpxPersistentStorageKey& RecordKey(uint32_t item);
+  CpxPersistentStorageBatch* m_batch = nullptr;
+  CpxPersistentStorageKey m_key;
+  CpxPersistentStorageKey m_record;  // reused to build record keys
+  uint32_t m_operator_number = 0;
 };
 
 // ---- operators ----
@@ -134,7 +201,22 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   // next-operator index to 0 and clears dirty. A clean evaluator is left as is.
   void Reset();
   // +1 for a positive tuple, -1 for a negative one; returns the new count.
+  // With persistence the group record (count and group key values) is put.
   uint32_t ChangeTuplesCount(const CpxTuple& tuple);
+
+  // Persistence: the batch this evaluator writes to and its key (the
+  // context key, a grouped flag and, for a group, its identity).
+  void SetPersistentKey(CpxPersistentStorageBatch* batch, const CpxPersistentStorageKey& key);
+  const CpxPersistentStorageKey& GetPersistentKey() const { return m_key; }
+  // One delete-all record for every record of this evaluator.
+  void RemoveAllFromPersistentStorage();
+  // Hands a stored record to the state of the operator whose number is in
+  // block `block`.
+  void RestoreFromPersistentStorage(const CpxPersistentStorageMessage_Put& message, unsigned block);
+  // The row whose key fields name this evaluator's group (a copy).
+  const Ptr<CpxTuple>& GetGroupTuple() const { return m_group_tuple; }
+  void SetGroupTuple(Ptr<CpxTuple> tuple) { m_group_tuple = std::move(tuple); }
+  void SetTuplesCount(uint32_t count) { m_tuples_count = count; }
 
   const CpxExpressionContext_Engine* GetContext() const { return m_context; }
   const CpxTupleKey_Engine* GetGroupByKey() const { return m_group_by_key; }
@@ -171,6 +253,9 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   const CpxExpressionContext_Engine* m_context;
   const CpxTupleKey_Engine* m_group_by_key = nullptr;
   CpxPersistentStorageBatch* m_batch = nullptr;
+  CpxPersistentStorageKey m_key;
+  Ptr<CpxTuple> m_group_tuple;
+  std::string m_record;  // reused for the group record's value
   const CpxTuplesList* m_input = nullptr;
   Ptr<CpxTuplesList_Vector> m_constant;
   Ptr<CpxTuplesList_Vector> m_temporary;
@@ -223,6 +308,24 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
 
   // Sets up the variable tuples and the evaluator map before the first row.
   void InitializeEvaluators(PtrView<const CpxTuplesList> input_tuples = nullptr);
+  // The same, with persistence: every evaluator writes its changes to
+  // `batch` under keys that extend `key`.
+  void InitializeEvaluators(PtrView<const CpxTuplesList> input_tuples,
+                            CpxPersistentStorageBatch* batch, const CpxPersistentStorageKey& key,
+                            CpxPersistentStorageMessageCache* cache,
+                            CpxPersistentStorageManager* manager);
+  CpxPersistentStorageBatch* GetPersistentBatch() const { return m_batch; }
+  const CpxPersistentStorageKey& GetPersistentKey() const { return m_key; }
+  CpxPersistentStorageMessageCache* GetPersistentCache() const { return m_cache; }
+  CpxPersistentStorageManager* GetPersistentManager() const { return m_manager; }
+
+  // Rebuilds evaluators and operator states from one stored record (a record
+  // under this context's key). Raises when the record does not fit.
+  void RestoreFromPersistentStorage(const CpxPersistentStorageMessage_Put& message);
+  // Reads every record of this context from the manager and finishes the
+  // restore (groups enter the evaluator map).
+  void RestoreMessages();
+  void RestoreMessagesFinalize();
   // The evaluator for `tuple`'s group (created on first use); counts the row
   // in a grouped context and drops a group whose count reaches zero from the
   // map (the evaluator is still returned, with cleanup-on-exit set).
@@ -238,8 +341,19 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
   struct EvaluatorMap;
   Ptr<CpxExpressionEvaluator_Engine> NewEvaluator() const;
 
+  Ptr<CpxExpressionEvaluator_Engine> NewGroupEvaluator(uint64_t group_id) const;
+  void InsertGroup(const Ptr<CpxExpressionEvaluator_Engine>& evaluator);
+  Ptr<CpxExpressionEvaluator_Engine> RestoredEvaluator(const CpxPersistentStorageMessage_Put& m,
+                                                       unsigned& block);
+
   Ptr<const CpxTupleKey_Engine> m_group_by_key;
   Ptr<CpxTuplesList_Vector> m_variables;
+  CpxPersistentStorageBatch* m_batch = nullptr;
+  CpxPersistentStorageKey m_key;
+  CpxPersistentStorageMessageCache* m_cache = nullptr;
+  CpxPersistentStorageManager* m_manager = nullptr;
+  uint64_t m_next_group_id = 1;
+  std::map<uint64_t, Ptr<CpxExpressionEvaluator_Engine>> m_restoring;
   Ptr<CpxExpressionEvaluator_Engine> m_single;
   std::unique_ptr<EvaluatorMap> m_map;
   unsigned m_group_count = 0;

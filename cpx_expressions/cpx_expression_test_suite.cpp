@@ -1,6 +1,9 @@
 #include "cpx_expressions/cpx_expression_test_suite.h"
 
+#include <unistd.h>
+
 #include <chrono>
+#include <filesystem>
 
 namespace vx {
 
@@ -257,7 +260,8 @@ std::string CpxExpressionContext_TestSuite::WriteToString() const {
 
 bool CpxExpressionContext_TestSuite::RunTest(CpxExpressionContext_Test& test, PostExecute operation,
                                              CpxTuplesList_TestInputTuples& inputs,
-                                             std::vector<std::string>& log) {
+                                             std::vector<std::string>& log,
+                                             CpxPersistentStorageManager* store) {
   // Messages of one test are kept and shown only when the test fails.
   LogManager& manager = LogManager::Instance();
   LogLevel previous_level = manager.GetMinLevel();
@@ -270,6 +274,7 @@ bool CpxExpressionContext_TestSuite::RunTest(CpxExpressionContext_Test& test, Po
     if (CpxTuplesList_Vector* variables = m_context->GetVariableTuples())
       test.ApplyVariableInputs(*variables);
     inputs.SetTest(&test);
+    if (store) store->StartBatch();
     Ptr<CpxExpressionEvaluator_Engine> ev;
     if (test.GetInputTuples().empty()) {
       if (m_context->GetGroupByKey())
@@ -290,6 +295,7 @@ bool CpxExpressionContext_TestSuite::RunTest(CpxExpressionContext_Test& test, Po
     ev->Reset();
     const int64_t now = test.GetNow() ? *test.GetNow() : CurrentMicros();
     ev->Execute(now, &inputs);
+    if (store) store->EndBatch();
     if (operation == PostExecute::kStore) {
       test.StoreResults(*ev->GetOutputTuples(), m_context->GetVariableTuples());
     } else if (test.IsNegative()) {
@@ -307,18 +313,52 @@ bool CpxExpressionContext_TestSuite::RunTest(CpxExpressionContext_Test& test, Po
   inputs.ClearTest();
   manager.SetSink(std::move(previous));
   manager.SetMinLevel(previous_level);
-  if (!ok && test.IsNegative()) log.push_back("\tNegative TESTS FAILED: the run succeeded");
+  if (!ok) {
+    log.push_back(test.IsNegative() ? "\tNegative TESTS FAILED: the run succeeded"
+                                    : "\tPositive TESTS FAILED");
+  }
   return ok;
+}
+
+void CpxExpressionContext_TestSuite::Restart(std::unique_ptr<CpxPersistentStorageManager>& manager,
+                                             CpxPersistentStorageMessageCache& cache,
+                                             const std::string& folder) {
+  // Variable tuples are kept by the query, not by the store.
+  std::vector<Ptr<CpxTuple>> variables;
+  if (CpxTuplesList_Vector* v = m_context->GetVariableTuples())
+    for (unsigned i = 0; i < v->GetSize(); ++i) variables.push_back(v->GetObjectByPos(i)->Copy());
+  m_context->ShutdownEvaluators();
+  manager.reset();
+  manager = CpxPersistentStorageManager::Open("BASIC", folder);
+  cache = CpxPersistentStorageMessageCache();
+  CpxPersistentStorageKey key;
+  key.AppendBlock(11, "exp_context");
+  m_context->InitializeEvaluators(nullptr, &manager->GetBatch(), key, &cache, manager.get());
+  if (CpxTuplesList_Vector* v = m_context->GetVariableTuples()) {
+    for (unsigned i = 0; i < v->GetSize() && i < variables.size(); ++i) {
+      CpxTuple* target = v->GetObjectByPos(i);
+      for (unsigned f = 0; f < target->GetFieldCount(); ++f) {
+        uint32_t size = 0;
+        const void* value = variables[i]->GetFieldValue(f, size);
+        if (value) {
+          target->SetFieldValue(f, size, value);
+        } else {
+          target->ClearFieldValue(f);
+        }
+      }
+    }
+  }
+  m_context->RestoreMessages();
 }
 
 CpxTestSuiteResult CpxExpressionContext_TestSuite::Execute(PostExecute operation, bool reload,
                                                            bool persistence) {
   CpxTestSuiteResult result;
-  if (persistence || !m_persistent_storage.empty()) {
-    VX_RAISE_TEXT("Suite '{suite}': persistent storage '{kind}' is not available in this build",
-                  GetName(), {"suite", GetName()},
-                  {"kind", m_persistent_storage.empty() ? std::string("BASIC") : m_persistent_storage});
+  if (!m_persistent_storage.empty() && m_persistent_storage != "BASIC") {
+    VX_RAISE_TEXT("Suite '{suite}': unknown persistent storage kind '{kind}' (only BASIC exists)",
+                  GetName(), {"suite", GetName()}, {"kind", m_persistent_storage});
   }
+  const bool persist = persistence || m_persistent_storage == "BASIC";
   bool any_reload = reload;
   for (const auto& t : m_tests) any_reload = any_reload || t->IsReloadContext();
   if (any_reload) {
@@ -327,10 +367,28 @@ CpxTestSuiteResult CpxExpressionContext_TestSuite::Execute(PostExecute operation
                                                             this, "exp_context");
   }
   m_context->InitializeEvaluators();
+  std::string folder;
+  std::unique_ptr<CpxPersistentStorageManager> manager;
+  CpxPersistentStorageMessageCache cache;
+  if (persist) {
+    const std::string file = GetSourceFile();
+    const size_t slash = file.find_last_of('/');
+    const std::string dir = slash == std::string::npos ? "." : file.substr(0, slash);
+    const std::string stem = slash == std::string::npos ? file : file.substr(slash + 1);
+    folder = dir + "/" + GetTestStorageFolder() + "/" + stem + "." + std::to_string(::getpid());
+    CpxPersistentStorageManager::Destroy(folder);
+  }
   CpxTuplesList_TestInputTuples inputs;
   for (const Ptr<CpxExpressionContext_Test>& test : m_tests) {
     std::vector<std::string> log;
-    if (RunTest(*test, operation, inputs, log)) {
+    bool ok = false;
+    try {
+      if (persist) Restart(manager, cache, folder);
+      ok = RunTest(*test, operation, inputs, log, manager.get());
+    } catch (const ExceptionType& e) {
+      log.push_back(std::string("ERROR ") + e.what());
+    }
+    if (ok) {
       ++result.passed;
       continue;
     }
@@ -341,6 +399,13 @@ CpxTestSuiteResult CpxExpressionContext_TestSuite::Execute(PostExecute operation
     for (std::string& line : log) result.report.push_back("  " + line);
   }
   m_context->ShutdownEvaluators();
+  if (persist) {
+    manager.reset();
+    CpxPersistentStorageManager::Destroy(folder);
+    // Leave no empty storage folder behind.
+    std::error_code ec;
+    std::filesystem::remove(folder.substr(0, folder.find_last_of('/')), ec);
+  }
   return result;
 }
 

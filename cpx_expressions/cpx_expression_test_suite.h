@@ -19,11 +19,22 @@
 // for negative tests); with one, the outputs must match it exactly (fields,
 // timestamp and sign). A negative test passes when its run or its comparison
 // fails. Not thread safe: a suite runs on one thread.
+//
+// With persistence (PersistentStorage="BASIC", or cpxrun test --persist) each
+// test runs as if the server had restarted just before it: the evaluators are
+// dropped, the store is opened again and every group and operator state is
+// rebuilt from the stored records alone, then the test's row is run and its
+// changes committed in one batch. Variable tuples, which the server's query
+// keeps outside the store, carry over from test to test. The store lives in
+// "storage/<suite file name>.<process id>" beside the suite and is removed
+// when the suite ends.
 #pragma once
 
 #include <optional>
 #include <string>
 #include <vector>
+
+#include <memory>
 
 #include "cpx_expressions/cpx_expression_engine.h"
 
@@ -139,7 +150,11 @@ class CpxExpressionContext_TestSuite : public XmlNamedObject,
 
  private:
   bool RunTest(CpxExpressionContext_Test& test, PostExecute operation,
-               CpxTuplesList_TestInputTuples& inputs, std::vector<std::string>& log);
+               CpxTuplesList_TestInputTuples& inputs, std::vector<std::string>& log,
+               CpxPersistentStorageManager* manager);
+  // Drops the evaluators and rebuilds them from the store.
+  void Restart(std::unique_ptr<CpxPersistentStorageManager>& manager,
+               CpxPersistentStorageMessageCache& cache, const std::string& folder);
 
   std::string m_persistent_storage;
   Ptr<CpxTupleKey_Engine> m_group_by_key;

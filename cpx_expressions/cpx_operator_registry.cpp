@@ -10,9 +10,11 @@ namespace {
 void RegisterAllOperatorFamilies(CpxExpressionOperatorRegistry& registry) {
   RegisterControlFlowOperators(registry);
   RegisterTupleAttributeOperators(registry);
+  RegisterRowHistoryOperators(registry);
   RegisterIntegerOperators(registry);
   RegisterLongOperators(registry);
   RegisterFloatOperators(registry);
+  RegisterBooleanOperators(registry);
 }
 
 }  // namespace

@@ -69,8 +69,10 @@ class CpxExpressionOperatorRegistry {
 // Family registration functions, one per operator source file.
 void RegisterControlFlowOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterTupleAttributeOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterRowHistoryOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterIntegerOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterLongOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterFloatOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterBooleanOperators(CpxExpressionOperatorRegistry& registry);
 
 }  // namespace vx

@@ -1,6 +1,9 @@
 // Control-flow and tuple-attribute operators.
 #include "cpx_expressions/cpx_operators.h"
 
+#include <algorithm>
+#include <cstring>
+
 #include "cpx_expressions/cpx_operator_registry.h"
 
 namespace vxi {
@@ -377,6 +380,251 @@ void RegisterTupleAttributeOperators(CpxExpressionOperatorRegistry& registry) {
                   "NULL sets 0", "Sets the output tuple's timestamp."),
       VX_OPERATOR(CpxExpressionOperator_CopyTupleType_Engine, "1 any (its tuple)",
                   "1 any (its tuple)", "-", "Copies the input tuple's sign to the output tuple."),
+  };
+  registry.Register(kTable, std::size(kTable));
+}
+
+}  // namespace vx
+
+// ---- Prev, GetPrevTimestamp ----
+
+namespace vxi {
+
+namespace {
+
+// Reads the depth input; false when it is NULL.
+bool ReadDepth(CpxTuple* tuple, unsigned pos, int32_t& depth) {
+  if (!tuple->HasFieldValue(pos)) return false;
+  depth = CpxTupleField_Integer::GetValue(tuple, pos);
+  return true;
+}
+
+}  // namespace
+
+// The value a field had k stored rows earlier. Only ordinary (positive) rows
+// are remembered; the depth is read once, from the first row where it is not
+// NULL. The history keeps at most k values, newest first.
+class CpxExpressionOperator_Prev_Engine final : public CpxExpressionOperator_Engine {
+  VX_OPERATOR_TYPE(CpxExpressionOperator_Engine, Prev)
+
+  // Items: 1 = depth and field position (4 + 4 bytes); 2 = one remembered
+  // value, keyed by its sequence number (a presence byte, then the bytes).
+  class CpxExpressionOperatorState_Engine_Accumulator_Prev final
+      : public CpxExpressionOperatorState_Engine {
+   public:
+    struct Entry {
+      uint64_t sequence = 0;
+      bool present = false;
+      VxMemoryString bytes;
+    };
+    VxMemoryDeque<Entry> history;  // newest at the front
+    uint32_t depth = 0;
+    uint64_t sequence = 0;
+    bool initialized = false;
+    uint32_t field = 0;
+    std::string scratch;
+
+    void SaveConfig() {
+      uint32_t config[2] = {depth, field};
+      SaveRawBuffer(GetPersistentBatch(), 1,
+                    std::string_view(reinterpret_cast<const char*>(config), sizeof config));
+    }
+    void SaveEntry(const Entry& e) {
+      if (!GetPersistentBatch()) return;
+      scratch.assign(1, e.present ? '\1' : '\0');
+      scratch.append(e.bytes.data(), e.bytes.size());
+      SaveKeyedRawBuffer(GetPersistentBatch(), 2, e.sequence, scratch);
+    }
+    void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+      std::string_view bytes;
+      if (LoadRawBuffer(message, block, 1, bytes) && bytes.size() == 8) {
+        std::memcpy(&depth, bytes.data(), 4);
+        std::memcpy(&field, bytes.data() + 4, 4);
+        initialized = true;
+      } else if (LoadRawBuffer(message, block, 2, bytes) && !bytes.empty()) {
+        Entry e;
+        e.sequence = LoadSubKey(message, block);
+        e.present = bytes[0] == 1;
+        e.bytes.assign(bytes.data() + 1, bytes.size() - 1);
+        auto at = std::find_if(history.begin(), history.end(),
+                               [&](const Entry& x) { return x.sequence < e.sequence; });
+        history.insert(at, std::move(e));
+        sequence = std::max(sequence, history.front().sequence);
+      } else {
+        RaiseUnknownItem(GetValueType(message, block), "Prev");
+      }
+    }
+  };
+
+ public:
+  Ptr<CpxExpressionOperatorState_Engine> CreateState() const override {
+    return MakePtr<CpxExpressionOperatorState_Engine_Accumulator_Prev>();
+  }
+  void InsureValidParameters() const override {
+    CpxExpressionOperator_Engine::InsureValidParameters();
+    if (GetInputParameters().size() != 2) {
+      SetLastError("Prev(): Expected 2 parameters got " +
+                   std::to_string(GetInputParameters().size()) + " parameters");
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS,
+                                  {"number", GetInputParameters().size()});
+    }
+    if (!CheckFieldType(GetInputParameters(), 1, CpxTupleFieldTypes::IntegerFieldType()))
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_CANT_GET_INTEGER_INDEX);
+    const XmlQName& type = GetInputParameters()[0]->GetFieldType();
+    if (!CheckFieldType(GetOutputParameters(), 0, type))
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INPUT_TYPE_DOES_NOT_MATCH_OUTPUT_TYPE,
+                                  {"type_name", type.local});
+  }
+  void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
+    unsigned out_pos = 0, in_pos = 0, depth_pos = 0;
+    CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
+    CpxTuple* in = GetInputTupleField(ev, 0, in_pos);
+    auto& state =
+        static_cast<CpxExpressionOperatorState_Engine_Accumulator_Prev&>(*ev->GetOperatorState(position));
+    if (!state.initialized) {
+      int32_t depth = 0;
+      CpxTuple* depth_tuple = GetInputTupleField(ev, 1, depth_pos);
+      if (!ReadDepth(depth_tuple, depth_pos, depth))
+        return out->ClearFieldValue(out_pos);
+      if (depth < 0)
+        VX_RAISE_TEXT("Constant index in Prev() is < 0! MUST be non-negative!", GetName());
+      state.depth = static_cast<uint32_t>(depth);
+      state.field = in_pos;
+      state.initialized = true;
+      state.SaveConfig();
+    }
+    // The earlier value is written before the history moves on.
+    uint32_t size = 0;
+    const void* value = nullptr;
+    if (state.depth == 0) {
+      value = in->GetFieldValue(state.field, size);
+    } else if (state.history.size() >= state.depth && state.history.back().present) {
+      value = state.history.back().bytes.data();
+      size = static_cast<uint32_t>(state.history.back().bytes.size());
+    }
+    if (value) {
+      out->SetFieldValue(out_pos, size, value);
+    } else {
+      out->ClearFieldValue(out_pos);
+    }
+    if (in->GetTupleType() != Message::kPositive || state.depth == 0) return;
+    using Entry = CpxExpressionOperatorState_Engine_Accumulator_Prev::Entry;
+    Entry entry;
+    if (state.history.size() >= state.depth) {
+      // Reuse the evicted entry's buffer: a full history allocates nothing.
+      entry = std::move(state.history.back());
+      state.history.pop_back();
+      state.EraseKeyedRawBuffer(state.GetPersistentBatch(), 2, entry.sequence);
+    }
+    entry.sequence = ++state.sequence;
+    const void* current = in->GetFieldValue(state.field, size);
+    entry.present = current != nullptr;
+    entry.bytes.assign(current ? static_cast<const char*>(current) : "", current ? size : 0);
+    state.history.push_front(std::move(entry));
+    state.SaveEntry(state.history.front());
+  }
+};
+
+// The timestamp of the row that lay `depth` stored rows earlier.
+class CpxExpressionOperator_GetPrevTimestamp_Engine final : public CpxExpressionOperator_Engine {
+  VX_OPERATOR_TYPE(CpxExpressionOperator_Engine, GetPrevTimestamp)
+
+  // Items: 1 = depth (4 bytes); 2 = one remembered timestamp (8 bytes), keyed
+  // by its sequence number.
+  class CpxExpressionOperatorState_Engine_Accumulator_GetPrevTimestamp final
+      : public CpxExpressionOperatorState_Engine {
+   public:
+    VxMemoryMap<uint64_t, int64_t> history;  // oldest = smallest sequence number
+    int32_t depth = 0;                        // 0: not read yet
+    uint64_t sequence = 0;
+
+    void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+      std::string_view bytes;
+      if (LoadRawBuffer(message, block, 1, bytes) && bytes.size() == 4) {
+        std::memcpy(&depth, bytes.data(), 4);
+      } else if (LoadRawBuffer(message, block, 2, bytes) && bytes.size() == 8) {
+        const uint64_t seq = LoadSubKey(message, block);
+        int64_t ts = 0;
+        std::memcpy(&ts, bytes.data(), 8);
+        history[seq] = ts;
+        sequence = std::max(sequence, seq);
+      } else {
+        RaiseUnknownItem(GetValueType(message, block), "GetPrevTimestamp");
+      }
+    }
+  };
+
+ public:
+  Ptr<CpxExpressionOperatorState_Engine> CreateState() const override {
+    return MakePtr<CpxExpressionOperatorState_Engine_Accumulator_GetPrevTimestamp>();
+  }
+  void InsureValidParameters() const override {
+    CpxExpressionOperator_Engine::InsureValidParameters();
+    if (GetInputParameters().size() != 2) {
+      SetLastError("GetPrevTimestamp(): Expected 2 parameters got " +
+                   std::to_string(GetInputParameters().size()) + " parameters");
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS,
+                                  {"number", GetInputParameters().size()});
+    }
+    if (!CheckFieldType(GetInputParameters(), 1, CpxTupleFieldTypes::IntegerFieldType()))
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_CANT_GET_INTEGER_INDEX);
+    if (!CheckFieldType(GetOutputParameters(), 0, CpxTupleFieldTypes::TimeFieldType()))
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INPUT_TYPE_DOES_NOT_MATCH_OUTPUT_TYPE,
+                                  {"type_name", "time"});
+  }
+  void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
+    unsigned out_pos = 0, in_pos = 0, depth_pos = 0;
+    CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
+    CpxTuple* in = GetInputTupleField(ev, 0, in_pos);
+    auto& state = static_cast<CpxExpressionOperatorState_Engine_Accumulator_GetPrevTimestamp&>(
+        *ev->GetOperatorState(position));
+    if (state.depth == 0) {
+      int32_t depth = 0;
+      CpxTuple* depth_tuple = GetInputTupleField(ev, 1, depth_pos);
+      if (!ReadDepth(depth_tuple, depth_pos, depth))
+        return out->ClearFieldValue(out_pos);
+      state.depth = depth;
+      state.SaveRawBuffer(state.GetPersistentBatch(), 1,
+                          std::string_view(reinterpret_cast<const char*>(&depth), 4));
+      if (depth < 0) {
+        VX_RAISE_TEXT("Constant index in GetPrevTimstampStack() is < 0! MUST be non-negative!",
+                      GetName());
+      }
+    }
+    const int64_t size = static_cast<int64_t>(state.history.size());
+    // An empty history has no oldest entry, whatever the depth.
+    const bool full = size >= state.depth && !state.history.empty();
+    const int64_t oldest = full ? state.history.begin()->second : 0;
+    if (in->GetTupleType() == Message::kPositive) {
+      if (!state.history.empty() && size >= state.depth) {
+        state.EraseKeyedRawBuffer(state.GetPersistentBatch(), 2, state.history.begin()->first);
+        state.history.erase(state.history.begin());
+      }
+      const uint64_t seq = ++state.sequence;
+      const int64_t ts = in->GetTimestamp();
+      state.history.emplace(seq, ts);
+      state.SaveKeyedRawBuffer(state.GetPersistentBatch(), 2, seq,
+                               std::string_view(reinterpret_cast<const char*>(&ts), 8));
+    }
+    if (static_cast<int64_t>(state.history.size()) < state.depth || !full)
+      return out->ClearFieldValue(out_pos);
+    CpxTupleField_Time::SetValue(*out, out_pos, oldest);
+  }
+};
+
+}  // namespace vxi
+
+namespace vx {
+
+void RegisterRowHistoryOperators(CpxExpressionOperatorRegistry& registry) {
+  using namespace vxi;
+  static const CpxOperatorInfo kTable[] = {
+      VX_OPERATOR(CpxExpressionOperator_Prev_Engine, "1 any, 1 integer (depth k)",
+                  "1 (type of input 1)", "NULL until k rows are stored; NULL depth gives NULL",
+                  "The value the field had k stored rows earlier (state: bounded history)."),
+      VX_OPERATOR(CpxExpressionOperator_GetPrevTimestamp_Engine, "1 any (its tuple), 1 integer",
+                  "1 time", "NULL until the history is full; NULL depth gives NULL",
+                  "The timestamp of the row that lay k stored rows earlier."),
   };
   registry.Register(kTable, std::size(kTable));
 }

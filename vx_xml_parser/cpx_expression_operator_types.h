@@ -17,13 +17,34 @@
   X(IfUndefinedGotoLabel)                                                                     \
   /* tuple attributes */                                                                      \
   X(IsDefined) X(IsUndefined) X(Undefine) X(GetTimestamp) X(SetTimestamp) X(CopyTupleType)   \
+  /* row history */                                                                           \
+  X(Prev) X(GetPrevTimestamp)                                                                 \
   /* numeric arithmetic and comparison */                                                     \
   X(AddInteger) X(AddLong) X(AddFloat) X(SubtractInteger) X(SubtractLong) X(SubtractFloat)    \
   X(MultiplyInteger) X(MultiplyLong) X(MultiplyFloat)                                         \
   X(EqualInteger) X(EqualLong) X(EqualFloat) X(NotEqualInteger) X(NotEqualLong)               \
   X(NotEqualFloat) X(LessInteger) X(LessLong) X(LessFloat) X(LessOrEqualInteger)              \
   X(LessOrEqualLong) X(LessOrEqualFloat) X(GreaterInteger) X(GreaterLong) X(GreaterFloat)     \
-  X(GreaterOrEqualInteger) X(GreaterOrEqualLong) X(GreaterOrEqualFloat)
+  X(GreaterOrEqualInteger) X(GreaterOrEqualLong) X(GreaterOrEqualFloat)                       \
+  X(DivideInteger) X(DivideLong) X(DivideFloat) X(ModuloInteger) X(ModuloLong) X(ModuloFloat) \
+  X(PowerInteger) X(PowerLong) X(PowerFloat) X(SqrtInteger) X(SqrtLong) X(SqrtFloat)          \
+  X(AbsInteger) X(AbsLong) X(AbsFloat) X(NegativeInteger) X(NegativeLong) X(NegativeFloat)    \
+  X(SignInteger) X(SignLong) X(SignFloat) X(MinInteger) X(MinLong) X(MinFloat)                \
+  X(MaxInteger) X(MaxLong) X(MaxFloat) X(AverageInteger) X(AverageLong) X(AverageFloat)       \
+  X(DistanceInteger) X(DistanceLong) X(DistanceFloat) X(DistanceSquaredInteger)               \
+  X(DistanceSquaredLong) X(DistanceSquaredFloat) X(InListInteger) X(InListLong)               \
+  X(InListFloat) X(RandomInteger) X(RandomFloat)                                              \
+  /* numeric conversions and text forms */                                                    \
+  X(ToFloatInteger) X(ToFloatLong) X(ToLongInteger) X(ToIntegerLong) X(ToIntegerFloat)        \
+  X(ToLongFloat) X(FromStringInteger) X(FromStringLong) X(FromStringFloat)                    \
+  X(FromStringBoolean) X(ToStringInteger) X(ToStringLong) X(ToStringFloat) X(ToStringBoolean) \
+  /* float mathematical functions */                                                          \
+  X(ACosFloat) X(ASinFloat) X(ATanFloat) X(SinFloat) X(CosFloat) X(TanFloat) X(SinDFloat)     \
+  X(CosDFloat) X(TanDFloat) X(SinhFloat) X(CoshFloat) X(TanhFloat) X(ExpFloat) X(LnFloat)     \
+  X(Log2Float) X(Log10Float) X(LogFloat) X(ATan2Float)                                        \
+  /* boolean */                                                                               \
+  X(AndBoolean) X(OrBoolean) X(XorBoolean) X(NotBoolean) X(EqualBoolean) X(NotEqualBoolean)   \
+  X(InListBoolean)
 
 namespace vx {
 

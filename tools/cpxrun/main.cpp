@@ -86,6 +86,11 @@ int main(int argc, char** argv) {
   run_cmd->add_option("--format", run.format, "Row format")->check(CLI::IsMember({"jsonl", "csv"}));
   run_cmd->add_option("--group-by", run.group_by, "Group-by fields of the input descriptor")
       ->delimiter(',');
+  run_cmd->add_option("--state", run.state_dir,
+                      "Keep operator state and the input position in this folder; a run started "
+                      "again with the same arguments resumes after the last committed row");
+  run_cmd->add_flag("--sync", run.sync,
+                    "With --state: flush every commit to the disk (survives a machine crash)");
 
   app.add_subcommand("operators", "List every registered operator type with its shape");
 

@@ -19,7 +19,13 @@
 #include <utility>
 #include <vector>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <filesystem>
+
 #include "cpx_expressions/cpx_expression_engine.h"
+#include "support/storage.h"
 #include "support/log.h"
 #include "support/tuple.h"
 
@@ -470,7 +476,11 @@ class Runner {
     CheckDescriptors(csv);
     SetUpGroupBy();
     try {
-      m_ctx->InitializeEvaluators();
+      if (m_options.state_dir.empty()) {
+        m_ctx->InitializeEvaluators();
+      } else {
+        OpenState();
+      }
     } catch (const vx::ExceptionType& e) {
       ReportEngineError(e, "");
       return 1;
@@ -491,12 +501,23 @@ class Runner {
     }
     std::ostream* out = &std::cout;
     std::ofstream out_file;
+    bool header_written = false;
     if (!m_options.output.empty()) {
-      out_file.open(m_options.output, std::ios::binary | std::ios::trunc);
+      // A resumed run continues the output file from its committed length.
+      std::ios::openmode mode = std::ios::binary | std::ios::trunc;
+      if (m_resume_output) {
+        std::error_code ec;
+        std::filesystem::resize_file(m_options.output, *m_resume_output, ec);
+        if (ec) throw SetupError(m_options.output + ": cannot cut the output back: " + ec.message());
+        mode = std::ios::binary | std::ios::app;
+        header_written = *m_resume_output > 0;
+      }
+      out_file.open(m_options.output, mode);
       if (!out_file)
         throw SetupError(m_options.output + ": cannot open output: " + std::strerror(errno));
       out = &out_file;
     }
+    m_out = out;
 
     std::unique_ptr<OutputWriter> writer;
     if (csv) {
@@ -507,7 +528,7 @@ class Runner {
           std::make_unique<JsonLinesWriter>(*out, m_ctx->GetOutputTupleDescriptors().GetSize() > 1);
     }
     m_writer = writer.get();
-    m_writer->WriteHeader();
+    if (!header_written) m_writer->WriteHeader();
 
     LineSource lines(*in);
     const bool ok = csv ? StreamCsv(lines, *out) : StreamJsonLines(lines, *out);
@@ -609,10 +630,17 @@ class Runner {
     m_row->SetTupleType(m_attrs.negative ? vx::Message::kNegative : vx::Message::kPositive);
     m_row->SetTimestamp(m_attrs.timestamp.value_or(0));
     const int64_t now = m_attrs.timestamp ? *m_attrs.timestamp : NowMicros();
+    if (m_state) m_state->StartBatch();
     vx::Ptr<vx::CpxExpressionEvaluator_Engine> ev = m_ctx->GetEvaluator(*m_row);
     ev->Reset();
     ev->Execute(now, m_inputs);
     m_log.Flush();
+    WriteOutputs(*ev);
+    if (m_state) Commit();
+  }
+
+  void WriteOutputs(const vx::CpxExpressionEvaluator_Engine& evaluator) {
+    const vx::CpxExpressionEvaluator_Engine* ev = &evaluator;
     // A stop operator leaves the next-operator index at the operator count
     // plus one: the row was filtered out. A jump past the end stores another
     // value and ends the run normally.
@@ -630,7 +658,8 @@ class Runner {
       try {
         if (!lines.Next(line)) return true;
         line_number = lines.GetLine();
-        if (IsBlank(line)) continue;
+        if (IsBlank(line) || AlreadyCommitted(line_number)) continue;
+        m_row_line = line_number;
         BeginRow();
         ReadJsonRow(line);
         RunRow();
@@ -690,6 +719,8 @@ class Runner {
           have_header = true;
           continue;
         }
+        if (AlreadyCommitted(line_number)) continue;
+        m_row_line = line_number;
         if (cells.size() != columns.size())
           throw RowError("the row has " + std::to_string(cells.size()) +
                          " cells but the header has " + std::to_string(columns.size()));
@@ -765,6 +796,70 @@ class Runner {
     m_log.Flush();
     m_err << where << e.what() << '\n';
   }
+
+  // ---- state ----
+
+  std::string CommandFingerprint() const {
+    std::string f = m_options.context_path + "\n" + m_options.format + "\n";
+    for (const std::string& g : m_options.group_by) f += g + ",";
+    return f;
+  }
+
+  // Opens the store, checks that it belongs to this command, restores the
+  // context's state and reads where the last committed row left off.
+  void OpenState() {
+    m_state = vx::CpxPersistentStorageManager::Open("BASIC", m_options.state_dir, m_options.sync);
+    std::string fingerprint;
+    if (m_state->GetMeta("command", fingerprint) && fingerprint != CommandFingerprint())
+      throw SetupError(m_options.state_dir +
+                       ": the state folder belongs to another command (context, format or "
+                       "--group-by differ)");
+    vx::CpxPersistentStorageKey key;
+    key.AppendBlock(3, "ctx");
+    m_ctx->InitializeEvaluators(nullptr, &m_state->GetBatch(), key, &m_cache, m_state.get());
+    m_ctx->RestoreMessages();
+    std::string value;
+    if (m_state->GetMeta("input", value) && value == m_options.input &&
+        m_state->GetMeta("line", value))
+      m_resume_line = std::stoll(value);
+    if (!m_options.output.empty() && m_state->GetMeta("output", value) &&
+        value == m_options.output && m_state->GetMeta("output_length", value))
+      m_resume_output = std::stoull(value);
+  }
+
+  // Commits the row: its state changes, the input position and the output
+  // length, once the output is with the operating system (and on the disk
+  // with `sync`).
+  void Commit() {
+    m_out->flush();
+    if (!*m_out) throw RowError("cannot write output");
+    vx::CpxPersistentStorageBatch& batch = m_state->GetBatch();
+    if (!m_options.output.empty()) {
+      if (m_options.sync) {
+        const int fd = ::open(m_options.output.c_str(), O_WRONLY);
+        if (fd >= 0) {
+          ::fsync(fd);
+          ::close(fd);
+        }
+      }
+      batch.PutMeta("output", m_options.output);
+      batch.PutMeta("output_length", std::to_string(static_cast<int64_t>(m_out->tellp())));
+    }
+    batch.PutMeta("command", CommandFingerprint());
+    batch.PutMeta("input", m_options.input);
+    batch.PutMeta("line", std::to_string(m_row_line));
+    m_state->EndBatch();
+  }
+
+  // True for a record that a resumed run has already committed.
+  bool AlreadyCommitted(int64_t line) const { return line <= m_resume_line; }
+
+  std::unique_ptr<vx::CpxPersistentStorageManager> m_state;
+  vx::CpxPersistentStorageMessageCache m_cache;
+  int64_t m_resume_line = 0;
+  std::optional<uint64_t> m_resume_output;
+  int64_t m_row_line = 0;
+  std::ostream* m_out = nullptr;
 
   const RunOptions& m_options;
   std::ostream& m_err;

@@ -13,6 +13,8 @@ struct RunOptions {
   std::string output;                 // empty = stdout
   std::string format = "jsonl";       // "jsonl" or "csv"
   std::vector<std::string> group_by;  // field names of the first input descriptor
+  std::string state_dir;              // empty = no persistent state
+  bool sync = false;                  // with state: flush every commit to the disk
 };
 
 // Loads the context at `options.context_path`, reads rows of its first input
@@ -39,6 +41,27 @@ struct RunOptions {
 //     run normally. Otherwise every output tuple is written, in output
 //     descriptor order.
 //   - Blank input lines are skipped.
+//
+// State (`state_dir`)
+//   - Operator state, group counts, the input position and (with an output
+//     file) the output file's length live in the persistent store in
+//     `state_dir`, committed together in one atomic batch after each row,
+//     once that row's output has been handed to the operating system.
+//   - A run started again with the same context, format and group-by fields
+//     restores the state and continues: when the input is the one recorded
+//     (same path, or "-" for both), rows up to the last committed one are
+//     skipped; with another input the run starts at its first row and the
+//     state carries on (one stream split across several inputs). An output
+//     file recorded in the store is first cut back to its committed length
+//     and then appended to, so its content continues exactly; on stdout the
+//     outputs of the one row in flight at a kill may appear twice.
+//   - A committed row survives a crash of the process (even SIGKILL): the
+//     store's log is in the operating system's hands when the commit returns.
+//     `sync` also flushes the log and the output file to the disk before each
+//     commit returns, so a committed row survives a crash of the machine, at
+//     the cost of one disk flush a row.
+//   - A state folder made by another command (context, format or group-by
+//     fields) is refused.
 //
 // JSON Lines
 //   - One object per line; keys are field names, `_sign` and `_ts`; unknown
