@@ -32,10 +32,12 @@ LogMessageDefinition msg_block_string() {
           "The block {BlockNum} has incorrect string in persistent storage key", LogLevel::Error};
 }
 
+// Reads key block `block` of a record; the record's last block is its value,
+// not part of its key.
 template <class T>
 T ReadBlock(const CpxPersistentStorageMessage_Put& message, unsigned block) {
   std::string_view b;
-  if (!message.GetKey().FindBlock(block, b))
+  if (block + 1 >= message.GetKey().GetValuesNumber() || !message.GetKey().FindBlock(block, b))
     VX_RAISE(msg_block_not_found, "persistent storage key", {"BlockNum", block});
   if (b.size() != sizeof(T)) VX_RAISE(msg_block_size, "persistent storage key", {"BlockNum", block});
   T value;

@@ -247,6 +247,14 @@ struct CpxTupleField_String : CpxTupleField_Bytes<CpxFieldKind::String> {
   static bool GetValue(PtrView<const CpxTuple> t, unsigned p, const char*& bytes, uint32_t& length);
   static uint32_t GetBytesLength(PtrView<const CpxTuple> t, unsigned p);
   static const char* GetDefaultValue() { return ""; }
+  // Stores the characters of the zero-terminated UTF-8 `text` whose
+  // zero-based character index is at least `first` and below `end` (`end`
+  // is cut to the character count). Returns false, and leaves the field
+  // unchanged, when the text is not valid UTF-8, `first` is negative or past
+  // the character count, or `end` is below `first`. `text` may be the
+  // field's own value.
+  static bool SetUTF8SubString(CpxTuple& t, unsigned p, const char* text, int64_t first,
+                               int64_t end);
 };
 
 struct CpxTupleField_Blob : CpxTupleField_Bytes<CpxFieldKind::Blob> {
@@ -254,6 +262,18 @@ struct CpxTupleField_Blob : CpxTupleField_Bytes<CpxFieldKind::Blob> {
   static std::string ToHexString(std::string_view bytes);
   // Either case; false for odd length or a non-hex digit.
   static bool FromHexString(std::string& out, std::string_view text);
+  // Base64 text (RFC 4648 alphabet, '=' padding, no line breaks) of `size`
+  // bytes: its length, and the text written into `out` (that many bytes);
+  // ToBase64String returns the length written.
+  static uint64_t ToBase64StringBufSize(uint64_t size);
+  static uint32_t ToBase64String(char* out, std::string_view bytes);
+  // The number of bytes that `text` decodes to when it is base64, and the
+  // decoding into `out` (that many bytes). Space, tab, CR and LF are skipped
+  // anywhere; padding is optional. FromBase64String returns false for any
+  // other character, a '=' before the end, a single final character, or
+  // non-zero bits after the last byte; `size` is then unspecified.
+  static uint32_t FromBase64StringBufSize(std::string_view text);
+  static bool FromBase64String(char* out, uint32_t& size, std::string_view text);
 };
 
 // The value is the forest's XML text.
