@@ -15,6 +15,8 @@ void RegisterAllOperatorFamilies(CpxExpressionOperatorRegistry& registry) {
   RegisterLongOperators(registry);
   RegisterFloatOperators(registry);
   RegisterBooleanOperators(registry);
+  RegisterStringOperators(registry);
+  RegisterBlobOperators(registry);
 }
 
 }  // namespace

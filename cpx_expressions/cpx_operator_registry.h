@@ -74,5 +74,7 @@ void RegisterIntegerOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterLongOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterFloatOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterBooleanOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterStringOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterBlobOperators(CpxExpressionOperatorRegistry& registry);
 
 }  // namespace vx

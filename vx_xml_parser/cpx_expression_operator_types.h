@@ -44,7 +44,18 @@
   X(Log2Float) X(Log10Float) X(LogFloat) X(ATan2Float)                                        \
   /* boolean */                                                                               \
   X(AndBoolean) X(OrBoolean) X(XorBoolean) X(NotBoolean) X(EqualBoolean) X(NotEqualBoolean)   \
-  X(InListBoolean)
+  X(InListBoolean)                                                                            \
+  /* string */                                                                                \
+  X(LengthString) X(SubstrString) X(MidString) X(LeftString) X(RightString)                   \
+  X(LeftTrimString) X(RightTrimString) X(TrimString) X(ConcatenateString) X(InstrString)      \
+  X(ReplaceString) X(UpperString) X(LowerString) X(EqualString) X(NotEqualString)             \
+  X(GreaterString) X(GreaterOrEqualString) X(LessString) X(LessOrEqualString) X(MaxString)    \
+  X(MinString) X(InListString) X(LikeString) X(RegexMatchBoostString)                        \
+  X(RegexSearchBoostString) X(RegexFirstSearchBoostString) X(RegexReplaceBoostString)         \
+  /* blob */                                                                                  \
+  X(BlobLength) X(BlobExtract) X(ConcatenateBlob) X(ToStringBlob) X(ToBlobString)             \
+  X(ToBase64StringBlob) X(ToBlobBase64) X(EqualBlob) X(NotEqualBlob) X(LessBlob)              \
+  X(LessOrEqualBlob) X(GreaterBlob) X(GreaterOrEqualBlob)
 
 namespace vx {
 
