@@ -328,7 +328,8 @@ inline uint32_t CpxNextRandomWord() {
 // x = r * 2^-31 * N, with r the new word without its top bit. Integer: x is
 // truncated toward zero and a result equal to N becomes N - 1, so N > 0
 // gives 0 ... N - 1 (and N = 0 gives -1, by the same replacement). Float: x
-// itself, uniform in [0, N) for N > 0.
+// itself, uniform in [0, N) for N > 0. A NULL N never reaches the
+// operation, so it draws nothing.
 struct RandomOperation {
   template <class T>
   static T Operation(T n) {

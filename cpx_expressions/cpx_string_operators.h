@@ -58,6 +58,11 @@ class CpxBytesOutput {
 
   // Records an input the result is built from.
   void NoteInput(std::string_view v) { m_aliased = m_aliased || Overlaps(v); }
+  // Records that the output field is itself one of the inputs (also when it
+  // is NULL now: it stops being NULL once storage is allocated).
+  void NoteInputField(const CpxTuple* tuple, unsigned pos) {
+    m_aliased = m_aliased || (tuple == m_tuple && pos == m_pos);
+  }
   void NoteInput(const std::optional<std::string_view>& v) {
     if (v) NoteInput(*v);
   }
@@ -274,15 +279,18 @@ class CpxExpressionOperator_Join_Engine : public CpxExpressionOperator_Scalar_En
     const OutputSlot slot = GetOutputSlot(ev);
     const unsigned n = static_cast<unsigned>(GetInputParameters().size());
     CpxBytesOutput out(slot.tuple, slot.pos);
-    std::string_view v;
     uint64_t total = 0;
     for (unsigned i = 0; i < n; ++i) {
-      if (!ReadInput<Field>(ev, i, v)) continue;
-      total += v.size();
-      out.NoteInput(v);
+      unsigned pos = 0;
+      const CpxTuple* t = GetInputTupleField(ev, i, pos);
+      out.NoteInputField(t, pos);
+      if (t->HasFieldValue(pos)) total += Field::GetView(t, pos).size();
     }
     if (kEmptyIsNull && total == 0) return out.SetNull();
+    // The inputs are read again while the result is filled: when one of
+    // them is the output field, the result goes to scratch storage first.
     char* dst = out.Allocate(CpxSizeCast<uint32_t>(total));
+    std::string_view v;
     for (unsigned i = 0; i < n; ++i) {
       if (!ReadInput<Field>(ev, i, v) || v.empty()) continue;
       std::memcpy(dst, v.data(), v.size());

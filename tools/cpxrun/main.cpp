@@ -1,6 +1,7 @@
 // cpxrun: runs expression test suites, streams rows through a context, and
 // lists the registered operators.
 #include <CLI/CLI.hpp>
+#include <unistd.h>
 
 #include <cstdio>
 #include <fstream>
@@ -53,9 +54,37 @@ int RunTests(const TestOptions& options) {
   return failed == 0 ? 0 : 1;
 }
 
-int ListOperators() {
-  for (const vx::CpxOperatorInfo& info : vx::CpxExpressionOperatorRegistry::Instance().GetAll())
-    std::printf("%-28s in: %-34s out: %s\n", info.type->local.c_str(), info.inputs, info.outputs);
+std::string MarkdownCell(const char* text) {
+  std::string out;
+  for (const char* c = text; *c; ++c) {
+    if (*c == '|') out += '\\';
+    out += *c;
+  }
+  return out;
+}
+
+int ListOperators(bool markdown) {
+  const auto all = vx::CpxExpressionOperatorRegistry::Instance().GetAll();
+  if (!markdown) {
+    for (const vx::CpxOperatorInfo& info : all)
+      std::printf("%-28s in: %-34s out: %s\n", info.type->local.c_str(), info.inputs, info.outputs);
+    return 0;
+  }
+  std::printf(
+      "# Operator reference\n\n"
+      "Generated from the operator registry by `cpxrun operators --markdown`; the test suite\n"
+      "checks that it is current. Each name is the `xsi:type` of an `Operator` element. Inputs\n"
+      "and outputs give the parameter count and value type (`1+` one or more, `2+` two or\n"
+      "more, `any` any type); the NULL rule says what a NULL input does.\n\n"
+      "%zu operators.\n\n"
+      "| Operator | Inputs | Outputs | NULL rule | Description |\n"
+      "|---|---|---|---|---|\n",
+      all.size());
+  for (const vx::CpxOperatorInfo& info : all) {
+    std::printf("| `%s` | %s | %s | %s | %s |\n", info.type->local.c_str(),
+                MarkdownCell(info.inputs).c_str(), MarkdownCell(info.outputs).c_str(),
+                MarkdownCell(info.null_rule).c_str(), MarkdownCell(info.description).c_str());
+  }
   return 0;
 }
 
@@ -92,13 +121,20 @@ int main(int argc, char** argv) {
   run_cmd->add_flag("--sync", run.sync,
                     "With --state: flush every commit to the disk (survives a machine crash)");
 
-  app.add_subcommand("operators", "List every registered operator type with its shape");
+  bool markdown = false;
+  CLI::App* operators_cmd =
+      app.add_subcommand("operators", "List every registered operator type with its shape");
+  operators_cmd->add_flag("--markdown", markdown,
+                          "Print the operator reference (docs/operators.md) instead");
 
   CLI11_PARSE(app, argc, argv);
   try {
     if (*test_cmd) return RunTests(test);
-    if (*run_cmd) return cpxrun::RunCommand(run, std::cerr);
-    return ListOperators();
+    if (*run_cmd) {
+      run.progress = ::isatty(STDERR_FILENO) != 0;
+      return cpxrun::RunCommand(run, std::cerr);
+    }
+    return ListOperators(markdown);
   } catch (const std::exception& e) {
     std::cerr << "cpxrun: " << e.what() << "\n";
     return 1;

@@ -532,6 +532,10 @@ class Runner {
 
     LineSource lines(*in);
     const bool ok = csv ? StreamCsv(lines, *out) : StreamJsonLines(lines, *out);
+    if (m_options.progress && m_rows > 0) {
+      --m_rows;  // the final report counts the last row again
+      ReportProgress(true);
+    }
     out->flush();
     if (ok && !*out) {
       m_err << (m_options.output.empty() ? std::string("stdout") : m_options.output)
@@ -637,7 +641,24 @@ class Runner {
     m_log.Flush();
     WriteOutputs(*ev);
     if (m_state) Commit();
+    if (m_options.progress) ReportProgress(false);
   }
+
+  // Rows so far and the rate, rewritten in place about once a second.
+  void ReportProgress(bool last) {
+    ++m_rows;
+    if (!last && (m_rows & 1023) != 0) return;
+    const auto now = std::chrono::steady_clock::now();
+    if (!last && now - m_last_report < std::chrono::seconds(1)) return;
+    m_last_report = now;
+    const double seconds = std::chrono::duration<double>(now - m_started).count();
+    m_err << "\r" << m_rows << " rows, "
+          << static_cast<int64_t>(seconds > 0 ? static_cast<double>(m_rows) / seconds : 0)
+          << " rows/s" << (last ? "\n" : "") << std::flush;
+  }
+  int64_t m_rows = 0;
+  std::chrono::steady_clock::time_point m_started = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point m_last_report = m_started;
 
   void WriteOutputs(const vx::CpxExpressionEvaluator_Engine& evaluator) {
     const vx::CpxExpressionEvaluator_Engine* ev = &evaluator;

@@ -15,6 +15,7 @@ struct RunOptions {
   std::vector<std::string> group_by;  // field names of the first input descriptor
   std::string state_dir;              // empty = no persistent state
   bool sync = false;                  // with state: flush every commit to the disk
+  bool progress = false;              // report rows and rows per second on `err`
 };
 
 // Loads the context at `options.context_path`, reads rows of its first input

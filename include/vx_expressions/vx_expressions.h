@@ -1,0 +1,132 @@
+// vx_expressions: the public interface for embedding the expression engine.
+//
+// An expression context is a small program, written as XML, that reads rows
+// of its input descriptors and writes output tuples. A `Stream` loads one
+// context and runs it once per row you push: fill the row, push it, read the
+// outputs. Rows carry a sign: a positive row enters its group (or window), a
+// negative row leaves it, and aggregates follow both. With a group-by key
+// each distinct key value gets its own evaluator; with a state folder all
+// operator state lives in an embedded store and survives restarts.
+//
+// Ownership: a `Stream` owns everything it loads and creates. The row
+// returned by `Row()` and the outputs returned by `Output()` are owned by the
+// stream and stay valid until the next `Push()` or the stream's destruction.
+//
+// Threads: a `Stream` is used by one thread at a time; different streams may
+// be used by different threads at once (they share nothing but the
+// process-wide operator registry, which is safe to use concurrently).
+//
+// Errors: every function that can fail throws `vx_expressions::Error`, whose
+// `what()` names the document, the line and the cause where there is one.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace vx_expressions {
+
+class Error : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct StreamOptions {
+  // Fields of the first input descriptor that form the group-by key; empty
+  // for an ungrouped context.
+  std::vector<std::string> group_by;
+  // Folder of the persistent store; empty keeps all state in memory. The
+  // folder may hold the state of one stream only.
+  std::string state_dir;
+  // With a state folder: flush every committed row to the disk (survives a
+  // machine crash, at the cost of one disk flush per row).
+  bool sync = false;
+};
+
+// One field of a row: read or written through its text form (see the value
+// text table in the documentation), or through the typed accessors.
+class Tuple {
+ public:
+  const std::string& DescriptorName() const;
+  size_t FieldCount() const;
+  const std::string& FieldName(size_t i) const;
+  // "boolean", "integer", "long", "float", "string", "time", "interval",
+  // "blob" or "xml".
+  const char* FieldType(size_t i) const;
+  // Position of a field by name; throws Error for an unknown name.
+  size_t FieldIndex(std::string_view name) const;
+
+  bool IsNull(size_t i) const;
+  // The value's text form; nullopt for NULL.
+  std::optional<std::string> Text(size_t i) const;
+  // Typed reads; throw Error for NULL or for another type. Integer, long,
+  // time and interval read as int64 (time and interval in microseconds).
+  int64_t Int64(size_t i) const;
+  double Double(size_t i) const;
+  bool Bool(size_t i) const;
+
+  void SetNull(size_t i);
+  // Sets a field from its text form; throws Error when the text is not a
+  // value of the field's type.
+  void SetText(size_t i, std::string_view text);
+  void SetInt64(size_t i, int64_t value);  // integer (range-checked), long, time, interval
+  void SetDouble(size_t i, double value);  // float
+  void SetBool(size_t i, bool value);      // boolean
+
+  // True for a negative row (a row leaving its group).
+  bool IsNegative() const;
+  void SetNegative(bool negative);
+  // Microseconds since 1970-01-01 00:00:00 UTC.
+  int64_t Timestamp() const;
+  void SetTimestamp(int64_t micros);
+
+ private:
+  friend class Stream;
+  Tuple() = default;
+  void* m_tuple = nullptr;
+};
+
+class Stream {
+ public:
+  // Loads and checks a context from a file or from XML text (`name` is used
+  // in messages). With a state folder, state saved there by an earlier
+  // stream of the same context is restored.
+  static std::unique_ptr<Stream> Open(const std::string& context_path,
+                                      const StreamOptions& options = {});
+  static std::unique_ptr<Stream> OpenString(const std::string& context_xml,
+                                            const std::string& name,
+                                            const StreamOptions& options = {});
+  ~Stream();
+  Stream(const Stream&) = delete;
+  Stream& operator=(const Stream&) = delete;
+
+  // The row to fill before the next Push: a row of the first input
+  // descriptor with every field NULL, positive, timestamp 0.
+  Tuple& Row();
+  // Runs the row at evaluation time `now_micros`. Returns false when the
+  // context dropped the row (a stop operator ended the run): the outputs are
+  // then not meaningful. With a state folder the row's state changes are
+  // committed before Push returns.
+  bool Push(int64_t now_micros);
+
+  // Output tuples of the last Push, one per output descriptor.
+  size_t OutputCount() const;
+  const Tuple& Output(size_t i) const;
+
+  // Number of live groups of a grouped context.
+  size_t GroupCount() const;
+
+ private:
+  struct Impl;
+  explicit Stream(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> m_impl;
+};
+
+// The library's version, e.g. "0.1.0".
+const char* Version();
+
+}  // namespace vx_expressions
