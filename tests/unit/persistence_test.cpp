@@ -97,6 +97,7 @@ TEST_F(TempStore, DeleteAllRemovesOneGroupAndCommitsAtomically) {
   Collect after;
   store->GetMessages(Key({"ctx", "c"}), after);
   EXPECT_TRUE(after.keys.empty());
+  testing::QuietLog quiet;
   EXPECT_THROW(CpxPersistentStorageManager::Open("FANCY", Dir()), ExceptionType);
 }
 
