@@ -40,9 +40,9 @@ struct BlobExtractOperation {
     out.Set(b.substr(static_cast<size_t>(start - 1), static_cast<size_t>(n)));
   }
 };
-VX_DEFINE_OPERATOR(CpxExpressionOperator_BlobExtract_Engine, BlobExtract,
-                   CpxExpressionOperator_Params_Engine<Blob, BlobExtractOperation, Blob, Int,
-                                                       CpxOptional<Int>>);
+VX_DEFINE_OPERATOR(
+    CpxExpressionOperator_BlobExtract_Engine, BlobExtract,
+    CpxExpressionOperator_Params_Engine<Blob, BlobExtractOperation, Blob, Int, CpxOptional<Int>>);
 
 // ---- ConcatenateBlob ----
 
@@ -56,9 +56,7 @@ VX_DEFINE_OPERATOR(CpxExpressionOperator_ConcatenateBlob_Engine, ConcatenateBlob
 // Upper-case hexadecimal, two digits a byte; the text may use either case.
 // Text that is not hexadecimal (an odd length, another character) gives NULL.
 struct ToHexOperation {
-  static void Operation(CpxBytesOutput& out, std::string_view b) {
-    out.Set(Blob::ToHexString(b));
-  }
+  static void Operation(CpxBytesOutput& out, std::string_view b) { out.Set(Blob::ToHexString(b)); }
 };
 struct FromHexOperation {
   static void Operation(CpxBytesOutput& out, std::string_view text) {
@@ -102,16 +100,7 @@ VX_DEFINE_OPERATOR(CpxExpressionOperator_ToBlobBase64_Engine, ToBlobBase64,
 // giving NULL.
 VX_DEFINE_OPERATOR(CpxExpressionOperator_Blob_Equal_Engine, EqualBlob,
                    CpxExpressionOperator_Equal_Engine<Blob>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Blob_NotEqual_Engine, NotEqualBlob,
-                   CpxExpressionOperator_NotEqual_Engine<Blob>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Blob_Less_Engine, LessBlob,
-                   CpxExpressionOperator_Less_Engine<Blob>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Blob_LessOrEqual_Engine, LessOrEqualBlob,
-                   CpxExpressionOperator_LessOrEqual_Engine<Blob>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Blob_Greater_Engine, GreaterBlob,
-                   CpxExpressionOperator_Greater_Engine<Blob>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Blob_GreaterOrEqual_Engine, GreaterOrEqualBlob,
-                   CpxExpressionOperator_GreaterOrEqual_Engine<Blob>);
+VX_DEFINE_BYTES_ORDER_OPERATORS(Blob, Blob);
 
 }  // namespace vxi
 
@@ -140,16 +129,7 @@ void RegisterBlobOperators(CpxExpressionOperatorRegistry& registry) {
                   "Blob from base64 text (white space skipped, padding optional)."),
       VX_OPERATOR(CpxExpressionOperator_Blob_Equal_Engine, "2+ blob", "1 boolean", kStrict,
                   "True when each input equals the next."),
-      VX_OPERATOR(CpxExpressionOperator_Blob_NotEqual_Engine, "2+ blob", "1 boolean", kStrict,
-                  "True when each input differs from the next."),
-      VX_OPERATOR(CpxExpressionOperator_Blob_Less_Engine, "2+ blob", "1 boolean", kStrict,
-                  "True when x0 < x1 < x2 ..., byte-wise, a prefix first."),
-      VX_OPERATOR(CpxExpressionOperator_Blob_LessOrEqual_Engine, "2+ blob", "1 boolean", kStrict,
-                  "True when x0 <= x1 <= x2 ..., byte-wise, a prefix first."),
-      VX_OPERATOR(CpxExpressionOperator_Blob_Greater_Engine, "2+ blob", "1 boolean", kStrict,
-                  "True when x0 > x1 > x2 ..., byte-wise, a prefix first."),
-      VX_OPERATOR(CpxExpressionOperator_Blob_GreaterOrEqual_Engine, "2+ blob", "1 boolean",
-                  kStrict, "True when x0 >= x1 >= x2 ..., byte-wise, a prefix first."),
+      VX_BYTES_ORDER_TABLE(Blob, "blob"),
   };
   registry.Register(kTable, std::size(kTable));
 }

@@ -4,14 +4,15 @@
 // classes and the operation (see VX_DEFINE_OPERATOR), plus its registration
 // line.
 //
-// Executors and their NULL policy (declared once, here):
-//   Unary     one input           any NULL input gives NULL
-//   Binary    two inputs          any NULL input gives NULL
-//   Fold      x0 op x1 op ...     any NULL input gives NULL
-//   Reduce    n inputs -> one     any NULL input gives NULL
-//   Compare   x0 < x1 < ...       any NULL input gives NULL
-//   InList    probe, list...      never NULL (NULL matches only NULL)
-//   Logic     three-valued        NULL is a truth value (And, Or)
+// Executors, and the NULL policy each declares once:
+//   Unary               one input                any NULL input gives NULL
+//   Binary              two inputs               any NULL input gives NULL
+//   List over a reducer inputs of one type, in order:
+//     FoldReducer       x0 op x1 op ...          any NULL input gives NULL
+//     ChainReducer      x0 < x1 < ...            any NULL input gives NULL
+//     AverageReducer, DistanceReducer            any NULL input gives NULL
+//     InListReducer     probe, list...           never NULL (NULL matches NULL)
+//     LogicReducer      three-valued And, Or     NULL is a truth value
 // An operation may also refuse a value (a zero divisor, a negative square
 // root, text that does not parse) by returning an empty std::optional: the
 // output is then NULL, silently.
@@ -256,51 +257,6 @@ struct NotOperation {
   static bool Operation(bool v) { return !v; }
 };
 
-// Reduce operations: a State, Step(state, x, i) for input i, Finish(state, n).
-
-// The sum of the inputs as doubles, divided by their count.
-struct AverageOperation {
-  static constexpr int kMinInputs = 1;
-  using State = double;
-  template <class T>
-  static void Step(State& sum, T x, size_t) { sum += static_cast<double>(x); }
-  static double Finish(State sum, size_t n) { return sum / static_cast<double>(n); }
-};
-
-// The Euclidean distance (or its square) between two points given as
-// coordinate lists: (x1, y1, x2, y2) in the plane or (x1, y1, z1, x2, y2, z2)
-// in space. Computed in double for every type, so that squares of large
-// integers neither wrap nor lose the result type; the output is a Float.
-// Any other number of inputs is a fault of the program that we report each
-// time the step runs (the context still loads); the output is then NULL.
-template <bool Squared>
-struct DistanceOperation {
-  static constexpr int kMinInputs = -1;
-  struct State {
-    double c[6];
-  };
-  static bool AcceptsInputCount(size_t n) { return n == 4 || n == 6; }
-  static void ReportInputCount(const std::string& operator_name, const std::string& type,
-                               size_t n) {
-    VX_LOG_TEXT(LogLevel::Error,
-                "Invalid number of input parameters, {cnt}, expected 4 or 6. Function:{fcn}, "
-                "datatype:{type}",
-                operator_name, {"cnt", n}, {"fcn", Squared ? "DistanceSquared" : "Distance"},
-                {"type", type});
-  }
-  template <class T>
-  static void Step(State& s, T x, size_t i) { s.c[i] = static_cast<double>(x); }
-  static double Finish(const State& s, size_t n) {
-    const size_t half = n / 2;
-    double sum = 0;
-    for (size_t k = 0; k < half; ++k) {
-      const double d = s.c[k] - s.c[k + half];
-      sum += d * d;
-    }
-    return Squared ? sum : std::sqrt(sum);
-  }
-};
-
 // ---- Random ----
 
 // The generator word shared by every Random operator of the process. It
@@ -508,125 +464,181 @@ class CpxExpressionOperator_Binary_Engine : public CpxExpressionOperator_Scalar_
   }
 };
 
-// Folds one or more inputs of one type from the left (x0 op x1 op x2 ...);
-// a single input passes through. An operation that refuses a step (a zero
-// divisor) makes the whole result NULL.
-template <class Field, class Op>
-class CpxExpressionOperator_Fold_Engine : public CpxExpressionOperator_Scalar_Engine {
+// ---- the list executor and its reducers ----
+
+// Runs a reducer over the inputs, all of one field class, in order, and
+// writes what it finishes with. A reducer R declares (see CpxReducerShape)
+// its input and output field classes, its least input count and the fault
+// raised at load for a wrong shape, and its NULL policy:
+//   kNullAware false: any NULL input gives NULL; the reducer sees values only.
+//   kNullAware true:  NULL is one of the values; Step gets nullptr for it.
+// and State, Step(state, x, i) for input i, Finish(state, n) returning the
+// result (an empty optional: NULL). It may also restrict the input count at
+// run time (AcceptsInputCount, ReportInputCount): a refused count is reported
+// each time the step runs and gives NULL.
+template <class R>
+class CpxExpressionOperator_List_Engine : public CpxExpressionOperator_Scalar_Engine {
  public:
   using CpxExpressionOperator_Scalar_Engine::CpxExpressionOperator_Scalar_Engine;
-  using Value = typename Field::ValueType;
+  using Field = typename R::Field;
 
   void InsureValidParameters() const override {
-    const XmlQName& type = Field::GetTupleFieldType();
-    InsureShape<VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT>(type, 1, -1, type);
+    InsureShape<R::kShapeFault>(Field::GetTupleFieldType(), R::kMinInputs, -1,
+                                R::Output::GetTupleFieldType());
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     const OutputSlot out = GetOutputSlot(ev);
     const unsigned n = static_cast<unsigned>(GetInputParameters().size());
-    Value acc, x;
-    if (!ReadInput<Field>(ev, 0, acc)) return out.SetNull();
-    for (unsigned i = 1; i < n; ++i) {
-      if (!ReadInput<Field>(ev, i, x)) return out.SetNull();
-      const auto r = Op::Operation(acc, x);
-      if constexpr (IsOptional<std::remove_const_t<decltype(r)>>::value) {
-        if (!r) return out.SetNull();
-        acc = *r;
-      } else {
-        acc = r;
-      }
-    }
-    out.Set<Field>(acc);
-  }
-};
-
-// Reduces the inputs of one type through Op's State: Step(state, x, i) for
-// each input, then Finish(state, n) for `Out`. An Op may restrict the input
-// count at run time (AcceptsInputCount / ReportInputCount): a refused count
-// is reported and gives NULL.
-template <class Field, class Out, class Op>
-class CpxExpressionOperator_Reduce_Engine : public CpxExpressionOperator_Scalar_Engine {
- public:
-  using CpxExpressionOperator_Scalar_Engine::CpxExpressionOperator_Scalar_Engine;
-
-  void InsureValidParameters() const override {
-    InsureShape<VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT>(
-        Field::GetTupleFieldType(), Op::kMinInputs, -1, Out::GetTupleFieldType());
-  }
-  void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    const size_t n = GetInputParameters().size();
-    if constexpr (requires { Op::AcceptsInputCount(n); }) {
-      if (!Op::AcceptsInputCount(n)) {
-        Op::ReportInputCount(GetName(), Field::GetTupleFieldType().local, n);
+    if constexpr (requires { R::AcceptsInputCount(n); }) {
+      if (!R::AcceptsInputCount(n)) {
+        R::ReportInputCount(GetName(), Field::GetTupleFieldType().local, n);
         return out.SetNull();
       }
     }
-    typename Op::State state{};
-    typename Field::ValueType x;
+    typename R::State state{};
+    typename Field::ValueType x{};
     for (unsigned i = 0; i < n; ++i) {
-      if (!ReadInput<Field>(ev, i, x)) return out.SetNull();
-      Op::Step(state, x, i);
+      const bool present = ReadInput<Field>(ev, i, x);
+      if constexpr (R::kNullAware) {
+        R::Step(state, present ? &x : nullptr, i);
+      } else {
+        if (!present) return out.SetNull();
+        R::Step(state, x, i);
+      }
     }
-    out.Set<Out>(Op::Finish(state, n));
+    out.Set<typename R::Output>(R::Finish(state, n));
   }
 };
 
-// Compares two or more inputs of one type, chained over consecutive pairs
-// (x0 < x1 < x2 ...): true only when every pair holds. A NULL anywhere gives
-// NULL, even when another pair already fails: with more than two inputs the
-// two-input rule holds unchanged, so a NULL never turns into a definite
-// answer.
-template <class Field, class Op>
-class CpxExpressionOperator_Compare_Engine : public CpxExpressionOperator_Scalar_Engine {
- public:
-  using CpxExpressionOperator_Scalar_Engine::CpxExpressionOperator_Scalar_Engine;
-  using Value = typename Field::ValueType;
+template <class In, class Out, int MinInputs, LogMessageDefinitionFunc ShapeFault, bool NullAware>
+struct CpxReducerShape {
+  using Field = In;
+  using Output = Out;
+  using Value = typename In::ValueType;
+  static constexpr int kMinInputs = MinInputs;
+  static constexpr LogMessageDefinitionFunc kShapeFault = ShapeFault;
+  static constexpr bool kNullAware = NullAware;
+};
 
-  void InsureValidParameters() const override {
-    InsureShape<VX_SERVER_EXPRESSION_INVALID_PARAMETERS_TWO_OR_MORE_INPUT_1_OUTPUT>(
-        Field::GetTupleFieldType(), 2, -1, CpxTupleFieldTypes::BooleanFieldType());
-  }
-  void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    const unsigned n = static_cast<unsigned>(GetInputParameters().size());
-    Value prev, next;
-    if (!ReadInput<Field>(ev, 0, prev)) return out.SetNull();
-    bool result = true;
-    for (unsigned i = 1; i < n; ++i) {
-      if (!ReadInput<Field>(ev, i, next)) return out.SetNull();
-      result = result && Op::Operation(prev, next);
-      prev = next;
+// x0 op x1 op x2 ..., folded from the left; a single input passes through.
+// An operation that refuses a step (a zero divisor) makes the result NULL.
+template <class F, class Op>
+struct FoldReducer
+    : CpxReducerShape<F, F, 1, VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT, false> {
+  using Value = typename F::ValueType;
+  static constexpr bool kMayRefuse = IsOptional<decltype(Op::Operation(Value{}, Value{}))>::value;
+  struct State {
+    Value acc{};
+    bool refused = false;
+  };
+  static void Step(State& s, Value x, unsigned i) {
+    if (i == 0) {
+      s.acc = x;
+    } else if constexpr (kMayRefuse) {
+      if (s.refused) return;
+      const auto r = Op::Operation(s.acc, x);
+      if (r) s.acc = *r; else s.refused = true;
+    } else {
+      s.acc = Op::Operation(s.acc, x);
     }
-    out.Set<CpxTupleField_Boolean>(result);
   }
+  static auto Finish(const State& s, unsigned) {
+    if constexpr (kMayRefuse) {
+      return s.refused ? std::optional<Value>() : std::optional<Value>(s.acc);
+    } else {
+      return s.acc;
+    }
+  }
+};
+
+// x0 op x1 op x2 ... over consecutive pairs: true only when every pair holds.
+// A NULL anywhere gives NULL, even when another pair already fails: with more
+// than two inputs the two-input rule holds unchanged, so a NULL never turns
+// into a definite answer.
+template <class F, class Op>
+struct ChainReducer
+    : CpxReducerShape<F, CpxTupleField_Boolean, 2,
+                      VX_SERVER_EXPRESSION_INVALID_PARAMETERS_TWO_OR_MORE_INPUT_1_OUTPUT, false> {
+  using Value = typename F::ValueType;
+  struct State {
+    Value prev{};
+    bool holds = true;
+  };
+  static void Step(State& s, Value x, unsigned i) {
+    if (i > 0) s.holds = s.holds && Op::Operation(s.prev, x);
+    s.prev = x;
+  }
+  static bool Finish(const State& s, unsigned) { return s.holds; }
 };
 
 // Input 0 is the probe, inputs 1 onward the list. NULL policy: the output is
 // never NULL. It is true when a list element equals the probe; a NULL probe
 // matches only a NULL element (so a NULL probe against a list without NULL
 // is false), and a NULL element never matches a value.
-template <class Field, class Eq = EqualOperation>
-class CpxExpressionOperator_InList_Engine : public CpxExpressionOperator_Scalar_Engine {
- public:
-  using CpxExpressionOperator_Scalar_Engine::CpxExpressionOperator_Scalar_Engine;
-  using Value = typename Field::ValueType;
-
-  void InsureValidParameters() const override {
-    InsureShape<VX_SERVER_EXPRESSION_INVALID_PARAMETERS_TWO_OR_MORE_INPUT_1_OUTPUT>(
-        Field::GetTupleFieldType(), 2, -1, CpxTupleFieldTypes::BooleanFieldType());
-  }
-  void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    const unsigned n = static_cast<unsigned>(GetInputParameters().size());
-    Value probe, x;
-    const bool probe_present = ReadInput<Field>(ev, 0, probe);
+template <class F, class Eq>
+struct InListReducer
+    : CpxReducerShape<F, CpxTupleField_Boolean, 2,
+                      VX_SERVER_EXPRESSION_INVALID_PARAMETERS_TWO_OR_MORE_INPUT_1_OUTPUT, true> {
+  using Value = typename F::ValueType;
+  struct State {
+    Value probe{};
+    bool probe_null = false;
     bool found = false;
-    for (unsigned i = 1; i < n && !found; ++i) {
-      const bool present = ReadInput<Field>(ev, i, x);
-      found = probe_present ? present && Eq::Operation(probe, x) : !present;
+  };
+  static void Step(State& s, const Value* x, unsigned i) {
+    if (i == 0) {
+      s.probe_null = !x;
+      if (x) s.probe = *x;
+    } else if (!s.found) {
+      s.found = s.probe_null ? !x : x && Eq::Operation(s.probe, *x);
     }
-    out.Set<CpxTupleField_Boolean>(found);
+  }
+  static bool Finish(const State& s, unsigned) { return s.found; }
+};
+
+// The sum of the inputs as doubles, divided by their count.
+template <class F>
+struct AverageReducer
+    : CpxReducerShape<F, CpxTupleField_Float, 1,
+                      VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT, false> {
+  using State = double;
+  static void Step(State& sum, typename F::ValueType x, unsigned) { sum += static_cast<double>(x); }
+  static double Finish(State sum, unsigned n) { return sum / static_cast<double>(n); }
+};
+
+// The Euclidean distance (or its square) between two points given as
+// coordinate lists: (x1, y1, x2, y2) in the plane or (x1, y1, z1, x2, y2, z2)
+// in space. Computed in double for every type, so that squares of large
+// integers neither wrap nor lose the result type; the output is a Float.
+// Any other number of inputs is a fault of the program that we report each
+// time the step runs (the context still loads); the output is then NULL.
+template <class F, bool Squared>
+struct DistanceReducer
+    : CpxReducerShape<F, CpxTupleField_Float, -1,
+                      VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT, false> {
+  struct State {
+    double c[6];
+  };
+  static bool AcceptsInputCount(unsigned n) { return n == 4 || n == 6; }
+  static void ReportInputCount(const std::string& operator_name, const std::string& type,
+                               unsigned n) {
+    VX_LOG_TEXT(LogLevel::Error,
+                "Invalid number of input parameters, {cnt}, expected 4 or 6. Function:{fcn}, "
+                "datatype:{type}",
+                operator_name, {"cnt", n}, {"fcn", Squared ? "DistanceSquared" : "Distance"},
+                {"type", type});
+  }
+  static void Step(State& s, typename F::ValueType x, unsigned i) {
+    s.c[i] = static_cast<double>(x);
+  }
+  static double Finish(const State& s, unsigned n) {
+    const unsigned half = n / 2;
+    double sum = 0;
+    for (unsigned k = 0; k < half; ++k) {
+      const double d = s.c[k] - s.c[k + half];
+      sum += d * d;
+    }
+    return Squared ? sum : std::sqrt(sum);
   }
 };
 
@@ -638,28 +650,19 @@ enum class CpxTruth : uint8_t { kFalse, kTrue, kNull };
 // left through Op::Combine (row: result so far, column: next input), every
 // input being read. Op::kEmpty is the result without inputs.
 template <class Op>
-class CpxExpressionOperator_Logic_Engine : public CpxExpressionOperator_Scalar_Engine {
- public:
-  using CpxExpressionOperator_Scalar_Engine::CpxExpressionOperator_Scalar_Engine;
-
-  void InsureValidParameters() const override {
-    const XmlQName& boolean = CpxTupleFieldTypes::BooleanFieldType();
-    InsureShape<VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT>(boolean, 0, -1,
-                                                                                  boolean);
-  }
-  void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    const unsigned n = static_cast<unsigned>(GetInputParameters().size());
+struct LogicReducer
+    : CpxReducerShape<CpxTupleField_Boolean, CpxTupleField_Boolean, 0,
+                      VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT, true> {
+  struct State {
     CpxTruth result = Op::kEmpty;
-    for (unsigned i = 0; i < n; ++i) {
-      bool v = false;
-      const CpxTruth x = !ReadInput<CpxTupleField_Boolean>(ev, i, v) ? CpxTruth::kNull
-                         : v                                         ? CpxTruth::kTrue
-                                                                     : CpxTruth::kFalse;
-      result = i == 0 ? x : Op::Combine(result, x);
-    }
-    if (result == CpxTruth::kNull) return out.SetNull();
-    out.Set<CpxTupleField_Boolean>(result == CpxTruth::kTrue);
+  };
+  static void Step(State& s, const bool* x, unsigned i) {
+    const CpxTruth t = !x ? CpxTruth::kNull : (*x ? CpxTruth::kTrue : CpxTruth::kFalse);
+    s.result = i == 0 ? t : Op::Combine(s.result, t);
+  }
+  static std::optional<bool> Finish(const State& s, unsigned) {
+    if (s.result == CpxTruth::kNull) return std::nullopt;
+    return s.result == CpxTruth::kTrue;
   }
 };
 
@@ -684,6 +687,15 @@ struct OrOperation {
 };
 
 // ---- named operator templates ----
+
+template <class Field, class Op>
+using CpxExpressionOperator_Fold_Engine = CpxExpressionOperator_List_Engine<FoldReducer<Field, Op>>;
+template <class Field, class Op>
+using CpxExpressionOperator_Compare_Engine = CpxExpressionOperator_List_Engine<ChainReducer<Field, Op>>;
+template <class Field, class Eq = EqualOperation>
+using CpxExpressionOperator_InList_Engine = CpxExpressionOperator_List_Engine<InListReducer<Field, Eq>>;
+template <class Op>
+using CpxExpressionOperator_Logic_Engine = CpxExpressionOperator_List_Engine<LogicReducer<Op>>;
 
 template <class Field>
 using CpxExpressionOperator_Add_Engine = CpxExpressionOperator_Fold_Engine<Field, AddOperation>;
@@ -715,14 +727,12 @@ template <class Field>
 using CpxExpressionOperator_Sign_Engine =
     CpxExpressionOperator_Unary_Engine<Field, CpxTupleField_Integer, SignOperation>;
 template <class Field>
-using CpxExpressionOperator_Average_Engine =
-    CpxExpressionOperator_Reduce_Engine<Field, CpxTupleField_Float, AverageOperation>;
+using CpxExpressionOperator_Average_Engine = CpxExpressionOperator_List_Engine<AverageReducer<Field>>;
 template <class Field>
-using CpxExpressionOperator_Distance_Engine =
-    CpxExpressionOperator_Reduce_Engine<Field, CpxTupleField_Float, DistanceOperation<false>>;
+using CpxExpressionOperator_Distance_Engine = CpxExpressionOperator_List_Engine<DistanceReducer<Field, false>>;
 template <class Field>
 using CpxExpressionOperator_DistanceSquared_Engine =
-    CpxExpressionOperator_Reduce_Engine<Field, CpxTupleField_Float, DistanceOperation<true>>;
+    CpxExpressionOperator_List_Engine<DistanceReducer<Field, true>>;
 template <class Field>
 using CpxExpressionOperator_Equal_Engine = CpxExpressionOperator_Compare_Engine<Field, EqualOperation>;
 template <class Field>

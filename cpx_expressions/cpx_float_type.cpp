@@ -1,5 +1,7 @@
 // Float operators.
 #include <cmath>
+#include <limits>
+#include <optional>
 
 #include "cpx_expressions/cpx_expression_operators.h"
 #include "cpx_expressions/cpx_operator_registry.h"
@@ -42,16 +44,18 @@ VX_DEFINE_OPERATOR(CpxExpressionOperator_Float_ToString_Engine, ToStringFloat,
 
 // ---- mathematical functions ----
 
-// A function's TrigFunction gives its result, or nothing for an argument
-// outside its domain; a result that is not finite (an overflow to infinity,
-// a NaN) counts as a failure too. Every failure gives a NULL output,
-// silently: the row goes on.
+// A function's TrigFunction gives its result; an argument outside its domain
+// gives kOutsideDomain without computing anything. A result that is not
+// finite (outside the domain, an overflow to infinity, a NaN) gives a NULL
+// output, silently: the row goes on.
+constexpr double kOutsideDomain = std::numeric_limits<double>::quiet_NaN();
+
 template <class Fn>
 struct FloatFunctionOperation {
   template <class... Args>
   static std::optional<double> Operation(Args... args) {
-    const std::optional<double> r = Fn::TrigFunction(args...);
-    if (!r || !std::isfinite(*r)) return std::nullopt;
+    const double r = Fn::TrigFunction(args...);
+    if (!std::isfinite(r)) return std::nullopt;
     return r;
   }
 };
@@ -67,125 +71,60 @@ using CpxExpressionOperator_Float_Trig2Base_Engine =
     CpxExpressionOperator_Binary_Engine<CpxTupleField_Float, CpxTupleField_Float,
                                         CpxTupleField_Float, FloatFunctionOperation<Fn>>;
 
-#define VX_DEFINE_FLOAT_FUNCTION(Name, Base)                                                 \
-  VX_DEFINE_OPERATOR(CpxExpressionOperator_Float_##Name##_Engine, Name##Float,               \
+// Defines `<Name>Function` with TrigFunction(params) returning the rest of
+// the arguments, and the operator class over `Base`.
+#define VX_DEFINE_FLOAT_FUNCTION(Name, Base, params, ...)                                     \
+  struct Name##Function {                                                                     \
+    static double TrigFunction params { return __VA_ARGS__; }                                 \
+  };                                                                                          \
+  VX_DEFINE_OPERATOR(CpxExpressionOperator_Float_##Name##_Engine, Name##Float,                \
                      CpxExpressionOperator_Float_##Base##_Engine<Name##Function>)
 
 // Degrees to radians, multiplied first and divided second.
 inline double Radians(double degrees) { return degrees * 3.141592653589793 / 180.0; }
-inline bool InUnitRange(double x) { return x >= -1.0 && x <= 1.0; }  // false for NaN
+// Domain tests are written so that NaN fails them.
+inline bool InUnitRange(double x) { return x >= -1.0 && x <= 1.0; }
 
 // ---- ACos, ASin, ATan ----
 
-struct ACosFunction {
-  static std::optional<double> TrigFunction(double x) {
-    if (!InUnitRange(x)) return std::nullopt;
-    return std::acos(x);
-  }
-};
-struct ASinFunction {
-  static std::optional<double> TrigFunction(double x) {
-    if (!InUnitRange(x)) return std::nullopt;
-    return std::asin(x);
-  }
-};
-struct ATanFunction {
-  static double TrigFunction(double x) { return std::atan(x); }
-};
-VX_DEFINE_FLOAT_FUNCTION(ACos, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(ASin, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(ATan, TrigBase);
+VX_DEFINE_FLOAT_FUNCTION(ACos, TrigBase, (double x), InUnitRange(x) ? std::acos(x) : kOutsideDomain);
+VX_DEFINE_FLOAT_FUNCTION(ASin, TrigBase, (double x), InUnitRange(x) ? std::asin(x) : kOutsideDomain);
+VX_DEFINE_FLOAT_FUNCTION(ATan, TrigBase, (double x), std::atan(x));
 
 // ---- Sin, Cos, Tan (radians) ----
 
-struct SinFunction {
-  static double TrigFunction(double x) { return std::sin(x); }
-};
-struct CosFunction {
-  static double TrigFunction(double x) { return std::cos(x); }
-};
-struct TanFunction {
-  static double TrigFunction(double x) { return std::tan(x); }
-};
-VX_DEFINE_FLOAT_FUNCTION(Sin, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(Cos, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(Tan, TrigBase);
+VX_DEFINE_FLOAT_FUNCTION(Sin, TrigBase, (double x), std::sin(x));
+VX_DEFINE_FLOAT_FUNCTION(Cos, TrigBase, (double x), std::cos(x));
+VX_DEFINE_FLOAT_FUNCTION(Tan, TrigBase, (double x), std::tan(x));
 
 // ---- SinD, CosD, TanD (degrees) ----
 
-struct SinDFunction {
-  static double TrigFunction(double x) { return std::sin(Radians(x)); }
-};
-struct CosDFunction {
-  static double TrigFunction(double x) { return std::cos(Radians(x)); }
-};
-struct TanDFunction {
-  static double TrigFunction(double x) { return std::tan(Radians(x)); }
-};
-VX_DEFINE_FLOAT_FUNCTION(SinD, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(CosD, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(TanD, TrigBase);
+VX_DEFINE_FLOAT_FUNCTION(SinD, TrigBase, (double x), std::sin(Radians(x)));
+VX_DEFINE_FLOAT_FUNCTION(CosD, TrigBase, (double x), std::cos(Radians(x)));
+VX_DEFINE_FLOAT_FUNCTION(TanD, TrigBase, (double x), std::tan(Radians(x)));
 
 // ---- Sinh, Cosh, Tanh ----
 
-struct SinhFunction {
-  static double TrigFunction(double x) { return std::sinh(x); }
-};
-struct CoshFunction {
-  static double TrigFunction(double x) { return std::cosh(x); }
-};
-struct TanhFunction {
-  static double TrigFunction(double x) { return std::tanh(x); }
-};
-VX_DEFINE_FLOAT_FUNCTION(Sinh, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(Cosh, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(Tanh, TrigBase);
+VX_DEFINE_FLOAT_FUNCTION(Sinh, TrigBase, (double x), std::sinh(x));
+VX_DEFINE_FLOAT_FUNCTION(Cosh, TrigBase, (double x), std::cosh(x));
+VX_DEFINE_FLOAT_FUNCTION(Tanh, TrigBase, (double x), std::tanh(x));
 
 // ---- Exp, Ln, Log2, Log10 ----
 
-struct ExpFunction {
-  static double TrigFunction(double x) { return std::exp(x); }
-};
-// The logarithms refuse 0 and negative arguments (and NaN).
-struct LnFunction {
-  static std::optional<double> TrigFunction(double x) {
-    if (!(x > 0)) return std::nullopt;
-    return std::log(x);
-  }
-};
-struct Log2Function {
-  static std::optional<double> TrigFunction(double x) {
-    if (!(x > 0)) return std::nullopt;
-    return std::log2(x);
-  }
-};
-struct Log10Function {
-  static std::optional<double> TrigFunction(double x) {
-    if (!(x > 0)) return std::nullopt;
-    return std::log10(x);
-  }
-};
-VX_DEFINE_FLOAT_FUNCTION(Exp, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(Ln, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(Log2, TrigBase);
-VX_DEFINE_FLOAT_FUNCTION(Log10, TrigBase);
+// The logarithms refuse 0 and negative arguments.
+VX_DEFINE_FLOAT_FUNCTION(Exp, TrigBase, (double x), std::exp(x));
+VX_DEFINE_FLOAT_FUNCTION(Ln, TrigBase, (double x), x > 0 ? std::log(x) : kOutsideDomain);
+VX_DEFINE_FLOAT_FUNCTION(Log2, TrigBase, (double x), x > 0 ? std::log2(x) : kOutsideDomain);
+VX_DEFINE_FLOAT_FUNCTION(Log10, TrigBase, (double x), x > 0 ? std::log10(x) : kOutsideDomain);
 
 // ---- Log (base, value), ATan2 (y, x) ----
 
 // ln x / ln b. Only bases above 1 are accepted (a base between 0 and 1 is
 // refused on purpose). A value of 0 passes the range test and then fails as
 // an infinite result.
-struct LogFunction {
-  static std::optional<double> TrigFunction(double base, double x) {
-    if (!(base > 1.0) || !(x >= 0.0)) return std::nullopt;
-    return std::log(x) / std::log(base);
-  }
-};
-struct ATan2Function {
-  static double TrigFunction(double y, double x) { return std::atan2(y, x); }
-};
-VX_DEFINE_FLOAT_FUNCTION(Log, Trig2Base);
-VX_DEFINE_FLOAT_FUNCTION(ATan2, Trig2Base);
+VX_DEFINE_FLOAT_FUNCTION(Log, Trig2Base, (double b, double x),
+                         b > 1.0 && x >= 0.0 ? std::log(x) / std::log(b) : kOutsideDomain);
+VX_DEFINE_FLOAT_FUNCTION(ATan2, Trig2Base, (double y, double x), std::atan2(y, x));
 
 }  // namespace vxi
 

@@ -17,6 +17,7 @@ void RegisterAllOperatorFamilies(CpxExpressionOperatorRegistry& registry) {
   RegisterBooleanOperators(registry);
   RegisterStringOperators(registry);
   RegisterBlobOperators(registry);
+  RegisterAccumulatorOperators(registry);
 }
 
 }  // namespace

@@ -76,5 +76,6 @@ void RegisterFloatOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterBooleanOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterStringOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterBlobOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterAccumulatorOperators(CpxExpressionOperatorRegistry& registry);
 
 }  // namespace vx

@@ -34,19 +34,27 @@ class CpxOrderStatisticTree {
  public:
   CpxOrderStatisticTree() { m_nodes.emplace_back(); }  // node 0: the empty tree
 
-  // Adds `n` occurrences of `value` (n >= 1); returns its new multiplicity.
-  uint32_t Add(const T& value, uint32_t n = 1) {
-    uint32_t count = 0;
-    m_root = Insert(m_root, value, n, count);
-    return count;
+  // A value as held (the first one inserted of its equivalents) and its
+  // multiplicity.
+  struct Entry {
+    T value;
+    uint32_t count;
+  };
+
+  // Adds `n` occurrences of `value` (n >= 1); returns its entry.
+  Entry Add(const T& value, uint32_t n = 1) {
+    Entry entry{value, 0};
+    m_root = Insert(m_root, value, n, entry);
+    return entry;
   }
-  // Removes one occurrence of `value`; returns the multiplicity left (0 when
-  // the value is gone), or nothing when the value is not held.
-  std::optional<uint32_t> Remove(const T& value) {
+  // Removes one occurrence of `value`; returns its entry with the
+  // multiplicity left (0 when the value is gone), or nothing when the value
+  // is not held.
+  std::optional<Entry> Remove(const T& value) {
     if (Count(value) == 0) return std::nullopt;
-    uint32_t left = 0;
-    m_root = EraseOne(m_root, value, left);
-    return left;
+    Entry entry{value, 0};
+    m_root = EraseOne(m_root, value, entry);
+    return entry;
   }
   // The multiplicity of `value`; 0 when it is not held.
   uint32_t Count(const T& value) const {
@@ -171,19 +179,19 @@ class CpxOrderStatisticTree {
   }
 
   // Node references are not held across NewNode, which may grow the vector.
-  uint32_t Insert(uint32_t i, const T& value, uint32_t n, uint32_t& count) {
+  uint32_t Insert(uint32_t i, const T& value, uint32_t n, Entry& entry) {
     if (i == 0) {
-      count = n;
+      entry.count = n;
       return NewNode(value, n);
     }
     if (m_less(value, m_nodes[i].value)) {
-      const uint32_t child = Insert(m_nodes[i].left, value, n, count);
+      const uint32_t child = Insert(m_nodes[i].left, value, n, entry);
       m_nodes[i].left = child;
     } else if (m_less(m_nodes[i].value, value)) {
-      const uint32_t child = Insert(m_nodes[i].right, value, n, count);
+      const uint32_t child = Insert(m_nodes[i].right, value, n, entry);
       m_nodes[i].right = child;
     } else {
-      count = m_nodes[i].count += n;
+      entry = {m_nodes[i].value, m_nodes[i].count += n};
       Update(i);
       return i;
     }
@@ -201,18 +209,18 @@ class CpxOrderStatisticTree {
   }
 
   // `value` is held in subtree `i`.
-  uint32_t EraseOne(uint32_t i, const T& value, uint32_t& left) {
+  uint32_t EraseOne(uint32_t i, const T& value, Entry& entry) {
     Node& n = m_nodes[i];
     if (m_less(value, n.value)) {
-      n.left = EraseOne(n.left, value, left);
+      n.left = EraseOne(n.left, value, entry);
       return Rebalance(i);
     }
     if (m_less(n.value, value)) {
-      n.right = EraseOne(n.right, value, left);
+      n.right = EraseOne(n.right, value, entry);
       return Rebalance(i);
     }
-    left = --n.count;
-    if (left > 0) {
+    entry = {n.value, --n.count};
+    if (entry.count > 0) {
       Update(i);
       return i;
     }

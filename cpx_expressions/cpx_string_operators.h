@@ -18,7 +18,6 @@
 #pragma once
 
 #include <boost/regex.hpp>
-
 #include <cstring>
 #include <functional>
 #include <optional>
@@ -26,6 +25,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 
 #include "cpx_expressions/cpx_expression_operators.h"
@@ -49,7 +49,7 @@ inline thread_local std::string g_cpx_bytes_scratch;
 // The output field of a string or blob result. An operation either hands
 // over bytes it already has (Set), a character range (SetUTF8SubString), or
 // fills storage of a known size (Allocate). When the output field is also
-// one of the inputs (NoteInput says so), Allocate hands out the per-thread
+// one of the inputs (NoteInput, NoteInputField), Allocate hands out the per-thread
 // scratch buffer and Finish stores it, so the operation can read its inputs
 // while it writes.
 class CpxBytesOutput {
@@ -58,16 +58,16 @@ class CpxBytesOutput {
 
   // Records an input the result is built from.
   void NoteInput(std::string_view v) { m_aliased = m_aliased || Overlaps(v); }
-  // Records that the output field is itself one of the inputs (also when it
-  // is NULL now: it stops being NULL once storage is allocated).
-  void NoteInputField(const CpxTuple* tuple, unsigned pos) {
-    m_aliased = m_aliased || (tuple == m_tuple && pos == m_pos);
-  }
   void NoteInput(const std::optional<std::string_view>& v) {
     if (v) NoteInput(*v);
   }
   template <class T>
   void NoteInput(const T&) {}
+  // Records that the output field is itself one of the inputs (also when it
+  // is NULL now: it stops being NULL once storage is allocated).
+  void NoteInputField(const CpxTuple* tuple, unsigned pos) {
+    m_aliased = m_aliased || (tuple == m_tuple && pos == m_pos);
+  }
 
   void SetNull() {
     m_pending = false;
@@ -134,27 +134,20 @@ struct CpxOptional {};
 template <class Field>
 struct CpxNullable {};
 
+template <class F, bool kOptionalParam, bool kNullableParam>
+struct CpxParamTraitsOf {
+  using Field = F;
+  using Arg = std::conditional_t<kOptionalParam || kNullableParam,
+                                 std::optional<typename F::ValueType>, typename F::ValueType>;
+  static constexpr bool kOptional = kOptionalParam;
+  static constexpr bool kNullable = kNullableParam;
+};
 template <class P>
-struct CpxParamTraits {
-  using Field = P;
-  using Arg = typename P::ValueType;
-  static constexpr bool kOptional = false;
-  static constexpr bool kNullable = false;
-};
+struct CpxParamTraits : CpxParamTraitsOf<P, false, false> {};
 template <class F>
-struct CpxParamTraits<CpxOptional<F>> {
-  using Field = F;
-  using Arg = std::optional<typename F::ValueType>;
-  static constexpr bool kOptional = true;
-  static constexpr bool kNullable = false;
-};
+struct CpxParamTraits<CpxOptional<F>> : CpxParamTraitsOf<F, true, false> {};
 template <class F>
-struct CpxParamTraits<CpxNullable<F>> {
-  using Field = F;
-  using Arg = std::optional<typename F::ValueType>;
-  static constexpr bool kOptional = false;
-  static constexpr bool kNullable = true;
-};
+struct CpxParamTraits<CpxNullable<F>> : CpxParamTraitsOf<F, false, true> {};
 
 template <class Field>
 constexpr bool kIsBytesField = std::is_same_v<typename Field::ValueType, std::string_view>;
@@ -217,7 +210,8 @@ class CpxExpressionOperator_Params_Engine : public CpxExpressionOperator_Scalar_
 
  private:
   static auto& GetState(CpxExpressionEvaluator_Engine* ev, unsigned position) {
-    if constexpr (kHasState) return static_cast<typename Op::State&>(*ev->GetOperatorState(position));
+    if constexpr (kHasState)
+      return static_cast<typename Op::State&>(*ev->GetOperatorState(position));
   }
   // Reads parameter i into `arg`; false when its NULL makes the output NULL.
   template <class P, class A>
@@ -240,8 +234,7 @@ class CpxExpressionOperator_Params_Engine : public CpxExpressionOperator_Scalar_
   }
   template <size_t... I>
   void InsureTypes(size_t n, std::index_sequence<I...>) const {
-    ((I < n ? InsureInputType(static_cast<unsigned>(I), CpxParamTraits<In>::Field::kKind)
-            : void()),
+    ((I < n ? InsureInputType(static_cast<unsigned>(I), CpxParamTraits<In>::Field::kKind) : void()),
      ...);
   }
   [[noreturn]] void RaiseCount() const {
@@ -273,7 +266,8 @@ class CpxExpressionOperator_Join_Engine : public CpxExpressionOperator_Scalar_En
 
   void InsureValidParameters() const override {
     const XmlQName& type = Field::GetTupleFieldType();
-    InsureShape<VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT>(type, 1, -1, type);
+    InsureShape<VX_SERVER_EXPRESSION_INVALID_PARAMETERS_MANY_SAME_INPUT_1_OUTPUT>(type, 1, -1,
+                                                                                  type);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     const OutputSlot slot = GetOutputSlot(ev);
@@ -326,6 +320,33 @@ class CpxExpressionOperator_AllEqual_Engine : public CpxExpressionOperator_Scala
     out.Set<CpxTupleField_Boolean>(true);
   }
 };
+
+// ---- the byte-wise order family of String and Blob ----
+
+// NotEqual, Less, LessOrEqual, Greater and GreaterOrEqual over a byte field,
+// as classes `CpxExpressionOperator_<Type>_<Function>_Engine` (the naming of
+// the numeric family), chained over consecutive pairs with any NULL giving
+// NULL; and their registration rows (`t` is the type word). Equal is left to
+// each type: String's stops at the first difference.
+#define VX_DEFINE_BYTES_ORDER_OPERATORS(Type, Field)    \
+  VX_DEFINE_NUMERIC_OPERATOR(Type, Field, NotEqual);    \
+  VX_DEFINE_NUMERIC_OPERATOR(Type, Field, Less);        \
+  VX_DEFINE_NUMERIC_OPERATOR(Type, Field, LessOrEqual); \
+  VX_DEFINE_NUMERIC_OPERATOR(Type, Field, Greater);     \
+  VX_DEFINE_NUMERIC_OPERATOR(Type, Field, GreaterOrEqual)
+
+#define VX_BYTES_ORDER_ROW(Type, Function, t, description) \
+  VX_NUMERIC_ROW(Type, Function, "2+ " t, "1 boolean", "any NULL input gives NULL", description)
+// clang-format off
+#define VX_BYTES_ORDER_TABLE(Type, t)                                                          \
+  VX_BYTES_ORDER_ROW(Type, NotEqual, t, "True when each input differs from the next."),        \
+  VX_BYTES_ORDER_ROW(Type, Less, t, "True when x0 < x1 < x2 ... (bytes, a prefix first)."),     \
+  VX_BYTES_ORDER_ROW(Type, LessOrEqual, t,                                                     \
+                     "True when x0 <= x1 <= x2 ... (bytes, a prefix first)."),                 \
+  VX_BYTES_ORDER_ROW(Type, Greater, t, "True when x0 > x1 > x2 ... (bytes, a prefix first)."),  \
+  VX_BYTES_ORDER_ROW(Type, GreaterOrEqual, t,                                                  \
+                     "True when x0 >= x1 >= x2 ... (bytes, a prefix first).")
+// clang-format on
 
 // ---- compiled patterns ----
 

@@ -74,9 +74,9 @@ struct SubstrOperation {
     out.SetUTF8SubString(s.data(), std::max<int64_t>(start, 1) - 1, std::min(end, len + 1) - 1);
   }
 };
-VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Substr_Engine, SubstrString,
-                   CpxExpressionOperator_Params_Engine<Str, SubstrOperation, Str, Int,
-                                                       CpxOptional<Int>>);
+VX_DEFINE_OPERATOR(
+    CpxExpressionOperator_String_Substr_Engine, SubstrString,
+    CpxExpressionOperator_Params_Engine<Str, SubstrOperation, Str, Int, CpxOptional<Int>>);
 
 // ---- Mid ----
 
@@ -92,9 +92,9 @@ struct MidOperation {
     out.SetUTF8SubString(s.data(), start - 1, end ? *end : CharCount(s));
   }
 };
-VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Mid_Engine, MidString,
-                   CpxExpressionOperator_Params_Engine<Str, MidOperation, Str, Int,
-                                                       CpxOptional<Int>>);
+VX_DEFINE_OPERATOR(
+    CpxExpressionOperator_String_Mid_Engine, MidString,
+    CpxExpressionOperator_Params_Engine<Str, MidOperation, Str, Int, CpxOptional<Int>>);
 
 // ---- Left, Right ----
 
@@ -177,8 +177,8 @@ struct InstrOperation {
     const int32_t start = start_in.value_or(1);
     const int32_t occurrence = occurrence_in.value_or(1);
     if (start == 0 || occurrence < 1) return std::nullopt;
-    const xmlChar* hit = start > 0 ? Forward(s, search, start, occurrence)
-                                   : Backward(s, search, start, occurrence);
+    const xmlChar* hit =
+        start > 0 ? Forward(s, search, start, occurrence) : Backward(s, search, start, occurrence);
     return hit ? CpxSizeCast<int32_t>(hit - AsXml(s) + 1) : 0;
   }
 
@@ -237,7 +237,8 @@ struct ReplaceOperation {
     uint64_t hits = 0;
     for (size_t at = s.find(from); at != s.npos; at = s.find(from, at + from.size())) ++hits;
     if (hits == 0) return out.Set(s);
-    char* dst = out.Allocate(CpxSizeCast<uint32_t>(s.size() - hits * from.size() + hits * to.size()));
+    char* dst =
+        out.Allocate(CpxSizeCast<uint32_t>(s.size() - hits * from.size() + hits * to.size()));
     size_t done = 0;
     for (size_t at = s.find(from); at != s.npos; at = s.find(from, done)) {
       dst = std::copy(s.data() + done, s.data() + at, dst);
@@ -248,8 +249,8 @@ struct ReplaceOperation {
   }
 };
 VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Replace_Engine, ReplaceString,
-                   CpxExpressionOperator_Params_Engine<Str, ReplaceOperation, Str,
-                                                       CpxNullable<Str>, CpxNullable<Str>>);
+                   CpxExpressionOperator_Params_Engine<Str, ReplaceOperation, Str, CpxNullable<Str>,
+                                                       CpxNullable<Str>>);
 
 // ---- Upper, Lower ----
 
@@ -282,16 +283,7 @@ VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Lower_Engine, LowerString,
 // over consecutive pairs with any NULL giving NULL.
 VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Equal_Engine, EqualString,
                    CpxExpressionOperator_AllEqual_Engine<Str>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_String_NotEqual_Engine, NotEqualString,
-                   CpxExpressionOperator_NotEqual_Engine<Str>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Greater_Engine, GreaterString,
-                   CpxExpressionOperator_Greater_Engine<Str>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_String_GreaterOrEqual_Engine, GreaterOrEqualString,
-                   CpxExpressionOperator_GreaterOrEqual_Engine<Str>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Less_Engine, LessString,
-                   CpxExpressionOperator_Less_Engine<Str>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_String_LessOrEqual_Engine, LessOrEqualString,
-                   CpxExpressionOperator_LessOrEqual_Engine<Str>);
+VX_DEFINE_BYTES_ORDER_OPERATORS(String, Str);
 
 // ---- Max, Min, InList ----
 
@@ -330,8 +322,8 @@ struct LikeOperation {
     if (!state.IsCurrent(like)) {
       std::string& translated = state.GetBuffer();
       translated.clear();
-      boost::regex_replace(std::back_inserter(translated), like.data(), like.data() + like.size(), LikeSearch(),
-                           LikeFormat(), boost::match_default | boost::format_all);
+      boost::regex_replace(std::back_inserter(translated), like.data(), like.data() + like.size(),
+                           LikeSearch(), LikeFormat(), boost::match_default | boost::format_all);
       std::string error;
       if (!state.Compile(like, translated, error)) {
         VX_RAISE(VX_SERVER_EXPRESSION_COULD_NOT_PARSE_REGEX_PATTERN, state.GetOperatorName(),
@@ -339,8 +331,10 @@ struct LikeOperation {
                  {"operation", state.GetOperatorName()});
       }
     }
-    return state.Guarded(
-        [&] { return boost::regex_match(text.data(), text.data() + text.size(), state.GetMatch(), state.GetRegex()); });
+    return state.Guarded([&] {
+      return boost::regex_match(text.data(), text.data() + text.size(), state.GetMatch(),
+                                state.GetRegex());
+    });
   }
 };
 VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Like_Engine, LikeString,
@@ -355,32 +349,30 @@ namespace {
 const boost::regex& CompiledPattern(Regex& state, std::string_view pattern) {
   std::string error;
   if (!state.IsCurrent(pattern) && !state.Compile(pattern, pattern, error)) {
-    VX_RAISE_TEXT("Operator '{operation}': the regular expression '{pattern}' does not compile: "
-                  "{error}",
-                  state.GetOperatorName(), {"operation", state.GetOperatorName()},
-                  {"pattern", pattern}, {"error", error});
+    VX_RAISE_TEXT(
+        "Operator '{operation}': the regular expression '{pattern}' does not compile: "
+        "{error}",
+        state.GetOperatorName(), {"operation", state.GetOperatorName()}, {"pattern", pattern},
+        {"error", error});
   }
   return state.GetRegex();
 }
 
 }  // namespace
 
-// The whole text must match.
-struct RegexMatchOperation {
+// The whole text matches (kWhole), or some part of it does.
+template <bool kWhole>
+struct RegexTestOperation {
   using State = Regex;
-  static std::optional<bool> Operation(Regex& state, std::string_view text, std::string_view pattern) {
+  static std::optional<bool> Operation(Regex& state, std::string_view text,
+                                       std::string_view pattern) {
     const boost::regex& re = CompiledPattern(state, pattern);
-    return state.Guarded(
-        [&] { return boost::regex_match(text.data(), text.data() + text.size(), state.GetMatch(), re); });
-  }
-};
-// Some part of the text matches.
-struct RegexSearchOperation {
-  using State = Regex;
-  static std::optional<bool> Operation(Regex& state, std::string_view text, std::string_view pattern) {
-    const boost::regex& re = CompiledPattern(state, pattern);
-    return state.Guarded(
-        [&] { return boost::regex_search(text.data(), text.data() + text.size(), state.GetMatch(), re); });
+    const char* const b = text.data();
+    const char* const e = b + text.size();
+    return state.Guarded([&] {
+      return kWhole ? boost::regex_match(b, e, state.GetMatch(), re)
+                    : boost::regex_search(b, e, state.GetMatch(), re);
+    });
   }
 };
 // The text of the first match; NULL when nothing matches (a pattern that
@@ -391,8 +383,8 @@ struct RegexFirstSearchOperation {
                         std::string_view pattern) {
     const boost::regex& re = CompiledPattern(state, pattern);
     Regex::Match& m = state.GetMatch();
-    const std::optional<bool> found =
-        state.Guarded([&] { return boost::regex_search(text.data(), text.data() + text.size(), m, re); });
+    const std::optional<bool> found = state.Guarded(
+        [&] { return boost::regex_search(text.data(), text.data() + text.size(), m, re); });
     if (!found || !*found) return out.SetNull();
     out.Set({m[0].first, static_cast<size_t>(m[0].length())});
   }
@@ -408,8 +400,8 @@ struct RegexReplaceOperation {
     std::string& result = state.GetBuffer();
     result.clear();
     const std::optional<bool> done = state.Guarded([&] {
-      boost::regex_replace(std::back_inserter(result), text.data(), text.data() + text.size(), re, format.data(),
-                           boost::match_default | boost::format_default);
+      boost::regex_replace(std::back_inserter(result), text.data(), text.data() + text.size(), re,
+                           format.data(), boost::match_default | boost::format_default);
       return true;
     });
     if (!done) return out.SetNull();
@@ -417,9 +409,9 @@ struct RegexReplaceOperation {
   }
 };
 VX_DEFINE_OPERATOR(CpxExpressionOperator_String_RegexMatchBoost_Engine, RegexMatchBoostString,
-                   CpxExpressionOperator_Params_Engine<Bool, RegexMatchOperation, Str, Str>);
+                   CpxExpressionOperator_Params_Engine<Bool, RegexTestOperation<true>, Str, Str>);
 VX_DEFINE_OPERATOR(CpxExpressionOperator_String_RegexSearchBoost_Engine, RegexSearchBoostString,
-                   CpxExpressionOperator_Params_Engine<Bool, RegexSearchOperation, Str, Str>);
+                   CpxExpressionOperator_Params_Engine<Bool, RegexTestOperation<false>, Str, Str>);
 VX_DEFINE_OPERATOR(CpxExpressionOperator_String_RegexFirstSearchBoost_Engine,
                    RegexFirstSearchBoostString,
                    CpxExpressionOperator_Params_Engine<Str, RegexFirstSearchOperation, Str, Str>);
@@ -474,16 +466,7 @@ void RegisterStringOperators(CpxExpressionOperatorRegistry& registry) {
       VX_OPERATOR(CpxExpressionOperator_String_Equal_Engine, "2+ string", "1 boolean",
                   "a NULL before the first difference gives NULL",
                   "True when every input equals the first, byte-wise."),
-      VX_OPERATOR(CpxExpressionOperator_String_NotEqual_Engine, "2+ string", "1 boolean", kStrict,
-                  "True when each input differs from the next."),
-      VX_OPERATOR(CpxExpressionOperator_String_Greater_Engine, "2+ string", "1 boolean", kStrict,
-                  "True when x0 > x1 > x2 ..., byte-wise."),
-      VX_OPERATOR(CpxExpressionOperator_String_GreaterOrEqual_Engine, "2+ string", "1 boolean",
-                  kStrict, "True when x0 >= x1 >= x2 ..., byte-wise."),
-      VX_OPERATOR(CpxExpressionOperator_String_Less_Engine, "2+ string", "1 boolean", kStrict,
-                  "True when x0 < x1 < x2 ..., byte-wise."),
-      VX_OPERATOR(CpxExpressionOperator_String_LessOrEqual_Engine, "2+ string", "1 boolean",
-                  kStrict, "True when x0 <= x1 <= x2 ..., byte-wise."),
+      VX_BYTES_ORDER_TABLE(String, "string"),
       VX_OPERATOR(CpxExpressionOperator_String_Max_Engine, "1+ string", "1 string", kStrict,
                   "The byte-wise greatest input."),
       VX_OPERATOR(CpxExpressionOperator_String_Min_Engine, "1+ string", "1 string", kStrict,

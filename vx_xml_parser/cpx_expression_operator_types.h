@@ -8,6 +8,16 @@
 
 #include "support/xml_object.h"
 
+// The accumulators and the Threshold operator of one numeric, time or
+// interval type T (AccumulatorSumInteger ... ThresholdInteger).
+#define VX_ACCUMULATOR_TYPE_NAMES(X, T)                                                        \
+  X(AccumulatorSum##T) X(AccumulatorSumDistinct##T) X(AccumulatorAvg##T)                      \
+  X(AccumulatorAvgDistinct##T) X(AccumulatorMedian##T) X(AccumulatorMedianDistinct##T)        \
+  X(AccumulatorStandardDeviation##T) X(AccumulatorStandardDeviationDistinct##T)               \
+  X(AccumulatorMeanDeviation##T) X(AccumulatorMeanDeviationDistinct##T) X(AccumulatorMin##T)  \
+  X(AccumulatorMinDistinct##T) X(AccumulatorMax##T) X(AccumulatorMaxDistinct##T)              \
+  X(AccumulatorLast##T) X(AccumulatorCountDistinct##T) X(Threshold##T)
+
 // Operator families add their stems to this list.
 #define VX_OPERATOR_TYPE_NAMES(X)                                                              \
   /* control flow */                                                                          \
@@ -19,6 +29,15 @@
   X(IsDefined) X(IsUndefined) X(Undefine) X(GetTimestamp) X(SetTimestamp) X(CopyTupleType)   \
   /* row history */                                                                           \
   X(Prev) X(GetPrevTimestamp)                                                                 \
+  /* accumulators and Threshold */                                                            \
+  VX_ACCUMULATOR_TYPE_NAMES(X, Integer) VX_ACCUMULATOR_TYPE_NAMES(X, Long)                    \
+  VX_ACCUMULATOR_TYPE_NAMES(X, Float) VX_ACCUMULATOR_TYPE_NAMES(X, Time)                      \
+  VX_ACCUMULATOR_TYPE_NAMES(X, IntervalD2S)                                                   \
+  X(AccumulatorCount) X(AccumulatorCountRows) X(AccumulatorLastBoolean)                       \
+  X(AccumulatorCountDistinctBoolean) X(AccumulatorLastString)                                 \
+  X(AccumulatorCountDistinctString) X(AccumulatorMinString) X(AccumulatorMaxString)           \
+  X(AccumulatorMinDistinctString) X(AccumulatorMaxDistinctString)                             \
+  X(AccumulatorCountDistinctBlob)                                                             \
   /* numeric arithmetic and comparison */                                                     \
   X(AddInteger) X(AddLong) X(AddFloat) X(SubtractInteger) X(SubtractLong) X(SubtractFloat)    \
   X(MultiplyInteger) X(MultiplyLong) X(MultiplyFloat)                                         \

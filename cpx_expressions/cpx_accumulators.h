@@ -1,0 +1,995 @@
+// Accumulators: aggregate operators that keep a running value per group.
+//
+// An accumulator is an ordinary operator whose evaluator keeps a state for
+// it, one per group. A positive row adds its input value to the state, a
+// negative row retracts it, and after every row the operator writes the
+// group's current aggregate to its output field. Every kind is one state
+// class (add / remove / result) run by one generic executor:
+//
+//   CpxExpressionOperator_Accumulator_Engine<Input, Out, State>
+//     Input   how the input is read: a field class's values, or (Count,
+//             CountRows) only whether the field or the row is there
+//     Out     the output field class
+//     State   the per-group state: AddValue(batch, v), RemoveValue(batch,
+//             v) and Result(), an empty optional meaning NULL
+//
+// NULL policy (declared here once, for every accumulator): a NULL input
+// changes nothing, neither added nor retracted, and the output is still
+// written, so it always shows the group's current aggregate. Count and
+// CountRows differ only in what counts as present (see their Input).
+//
+// Retracting what is not held (an empty counter, a value absent from the
+// multiplicity map) logs VX_SERVER_EXTRA_NEGATIVE_TUPLE_REMOVE_REQUEST with
+// "elem" (the value's text) and "method" (each kind's own fixed name) and
+// raises, which ends the row; members a kind changed before its test stay
+// changed, as each kind's comment says.
+//
+// Persistence: after each change a state writes the items it changed to the
+// evaluator's batch (nothing without a batch): scalar members as one record
+// each, every multiplicity-map entry as its own record (the value in the
+// key, its count as the record's value), deleted when its count reaches
+// zero. RestoreFromPersistentStorage assigns one record at a time.
+//
+// Value order: every ordered container over values uses CpxAccumulatorLess,
+// the natural order of the type, with NaN after +infinity and equal to every
+// other NaN (the order of tuple comparison and of the scalar Min and Max), so
+// a NaN is one value of a map like any other and never breaks its order.
+//
+// Memory: states are allocated through the accounted allocator, and their
+// containers are accounted containers, so VxMemoryGetUsage sees them.
+//
+// Threads: a state belongs to one group of one evaluator and is touched only
+// by the thread running that evaluator; nothing here locks.
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <type_traits>
+
+#include "cpx_expressions/cpx_expression_operators.h"
+#include "cpx_expressions/cpx_order_statistic.h"
+
+namespace vx {
+
+// ---- value order ----
+
+// The order of every accumulator container (see the file comment).
+// Transparent, so a map keyed by stored text is searched with a view.
+struct CpxAccumulatorLess {
+  using is_transparent = void;
+  template <class A, class B>
+  bool operator()(const A& a, const B& b) const {
+    if constexpr (std::is_arithmetic_v<A>) {
+      return OrderLess(a, b);
+    } else {
+      return std::string_view(a.data(), a.size()) < std::string_view(b.data(), b.size());
+    }
+  }
+};
+// The reverse order (Max): NaN first.
+struct CpxAccumulatorGreater {
+  using is_transparent = void;
+  template <class A, class B>
+  bool operator()(const A& a, const B& b) const {
+    return CpxAccumulatorLess{}(b, a);
+  }
+};
+
+// ---- reports ----
+
+// Logs VX_SERVER_EXTRA_NEGATIVE_TUPLE_REMOVE_REQUEST with "elem" and
+// "method", flushes the log and raises.
+[[noreturn]] void CpxRaiseExtraNegativeTuple(const char* method, const std::string& elem);
+
+// ---- values of a field class ----
+
+// Reading, owning, printing and persisting the values of field class Field.
+// Text and byte values are read as views of the input tuple and owned as
+// accounted strings; fixed-size values are their own keys.
+template <class Field>
+struct CpxAccumulatorValue {
+  using Value = typename Field::ValueType;
+  static constexpr bool kBytes = std::is_same_v<Value, std::string_view>;
+  using Key = std::conditional_t<kBytes, VxMemoryString, Value>;
+  static constexpr bool kTyped = true;
+  static constexpr CpxFieldKind kKind = Field::kKind;
+
+  static bool Present(const CpxTuple& t, unsigned pos) { return t.HasFieldValue(pos); }
+  static Value Read(const CpxTuple& t, unsigned pos) {
+    if constexpr (kBytes) {
+      return Field::GetView(&t, pos);
+    } else {
+      return Field::GetValue(&t, pos);
+    }
+  }
+  static Key Own(Value v) {
+    if constexpr (kBytes) {
+      return Key(v.data(), v.size());
+    } else {
+      return v;
+    }
+  }
+  // Stores v in k, reusing k's storage.
+  static void Assign(Key& k, Value v) {
+    if constexpr (kBytes) {
+      k.assign(v.data(), v.size());
+    } else {
+      k = v;
+    }
+  }
+  static Value View(const Key& k) {
+    if constexpr (kBytes) {
+      return Value(k.data(), k.size());
+    } else {
+      return k;
+    }
+  }
+  // The value's text form, as messages show it.
+  static std::string Text(Value v) {
+    if constexpr (std::is_same_v<Field, CpxTupleField_Blob>) {
+      return Field::ToHexString(v);
+    } else if constexpr (kBytes) {
+      return std::string(v);
+    } else if constexpr (requires {
+                           { Field::ToString(v) } -> std::convertible_to<std::string>;
+                         }) {
+      return Field::ToString(v);
+    } else {
+      char buf[64];
+      const int n = Field::ToString(buf, sizeof buf, v);
+      return std::string(buf, n < 0 ? 0 : std::min<size_t>(static_cast<size_t>(n), sizeof buf - 1));
+    }
+  }
+
+  // One multiplicity-map entry as a record: text and bytes through the
+  // counted-value records (one per value); a fixed-size value as the sub key
+  // of a keyed record (its bits, zero-extended) holding the 4-byte count. A
+  // count of 0 deletes the record.
+  static void SaveCount(CpxExpressionOperatorState_Engine& state, CpxPersistentStorageBatch* batch,
+                        uint32_t item, Value v, uint32_t count) {
+    if (!batch) return;
+    if constexpr (kBytes) {
+      if (count > 0) {
+        state.SaveCountStringValue(batch, item, v, count);
+      } else {
+        state.EraseCountStringValue(batch, item, v);
+      }
+    } else if (count > 0) {
+      state.SaveKeyedRawBuffer(batch, item, Bits(v),
+                               std::string_view(reinterpret_cast<const char*>(&count), 4));
+    } else {
+      state.EraseKeyedRawBuffer(batch, item, Bits(v));
+    }
+  }
+  // Reads an entry saved by SaveCount; false when the record is not one.
+  static bool LoadCount(const CpxPersistentStorageMessage_Put& message, unsigned block,
+                        uint32_t item, Key& key, uint32_t& count) {
+    if constexpr (kBytes) {
+      std::string text;
+      CpxExpressionOperatorState_Engine::LoadCountStringValue(message, block, item, text, count);
+      key.assign(text.data(), text.size());
+      return true;
+    } else {
+      std::string_view bytes;
+      if (!CpxExpressionOperatorState_Engine::LoadRawBuffer(message, block, item, bytes) ||
+          bytes.size() != 4)
+        return false;
+      std::memcpy(&count, bytes.data(), 4);
+      const uint64_t bits = CpxExpressionOperatorState_Engine::LoadSubKey(message, block);
+      std::memcpy(&key, &bits, sizeof key);  // little-endian: the low bytes
+      return true;
+    }
+  }
+
+ private:
+  static uint64_t Bits(Value v) {
+    static_assert(sizeof(Value) <= sizeof(uint64_t));
+    uint64_t bits = 0;
+    std::memcpy(&bits, &v, sizeof v);
+    return bits;
+  }
+};
+
+// Count: the input counts when its field holds a value; nothing is read.
+struct CpxAccumulatorInput_AnyValue {
+  struct Value {};
+  static constexpr bool kTyped = false;
+  static bool Present(const CpxTuple& t, unsigned pos) { return t.HasFieldValue(pos); }
+  static Value Read(const CpxTuple&, unsigned) { return {}; }
+};
+// CountRows: every row counts, NULL or not.
+struct CpxAccumulatorInput_AnyRow : CpxAccumulatorInput_AnyValue {
+  static bool Present(const CpxTuple&, unsigned) { return true; }
+};
+
+// ---- multiplicity maps ----
+
+// An ordered map from a value to the number of live rows that carry it; an
+// entry exists only while its count is at least 1. Same interface as
+// CpxOrderStatisticTree, so a state may hold either.
+template <class Field, class Order = CpxAccumulatorLess>
+class CpxMultiplicityMap {
+ public:
+  using Value = typename CpxAccumulatorValue<Field>::Value;
+  using Key = typename CpxAccumulatorValue<Field>::Key;
+
+  // A value as held (the first one added of its equivalents: one NaN of
+  // many, 0.0 or -0.0) and its count. A text's entry views `v` itself.
+  struct Entry {
+    Value value;
+    uint32_t count;
+  };
+
+  // Adds `n` rows of `v`; returns its entry.
+  Entry Add(Value v, uint32_t n = 1) {
+    auto it = m_map.find(v);
+    if (it == m_map.end()) it = m_map.emplace(CpxAccumulatorValue<Field>::Own(v), 0).first;
+    it->second += n;
+    return {Held(it->first, v), it->second};
+  }
+  // Removes one row of `v`: its entry with the count left (0 when the entry
+  // is gone), or nothing when `v` is not held.
+  std::optional<Entry> Remove(Value v) {
+    auto it = m_map.find(v);
+    if (it == m_map.end()) return std::nullopt;
+    const Entry entry{Held(it->first, v), --it->second};
+    if (entry.count == 0) m_map.erase(it);
+    return entry;
+  }
+  uint32_t Count(Value v) const {
+    auto it = m_map.find(v);
+    return it == m_map.end() ? 0 : it->second;
+  }
+  bool Empty() const { return m_map.empty(); }
+  uint32_t Size() const { return static_cast<uint32_t>(m_map.size()); }
+  // The first value in the map's order; the map is not empty.
+  Value First() const { return CpxAccumulatorValue<Field>::View(m_map.begin()->first); }
+  // Calls fn(value, count) in the map's order.
+  template <class Fn>
+  void ForEach(Fn&& fn) const {
+    for (const auto& [key, count] : m_map) fn(CpxAccumulatorValue<Field>::View(key), count);
+  }
+
+ private:
+  // Equal texts are the same bytes, so a text entry is shown by `v` (which
+  // outlives an erased key); a fixed-size entry by its stored value.
+  static Value Held(const Key& key, Value v) {
+    if constexpr (CpxAccumulatorValue<Field>::kBytes) {
+      return v;
+    } else {
+      return key;
+    }
+  }
+
+  VxMemoryMap<Key, uint32_t, Order> m_map;
+};
+
+// ---- state base ----
+
+// What every accumulator state shares: accounted allocation, saving and
+// restoring members as items, and counted values that save their entries.
+class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
+ public:
+  using Batch = CpxPersistentStorageBatch;
+
+  static void* operator new(size_t size) {
+    void* p = VxMemoryFuncMalloc(size);
+    if (!p) throw std::bad_alloc();
+    return p;
+  }
+  static void operator delete(void* p) { VxMemoryFuncFree(p); }
+
+  // A multiplicity container whose changes save (or delete) their entries
+  // as items numbered kItem. An entry is saved under the value as held, so
+  // that equivalent values (NaNs, zeros of either sign) share one record.
+  template <class Field, class Container, uint32_t kItem>
+  class Counts : public Container {
+   public:
+    using Value = typename CpxAccumulatorValue<Field>::Value;
+    // Returns the value's new count.
+    uint32_t Add(CpxAccumulatorState& state, Batch* batch, Value v) {
+      const auto entry = Container::Add(v);
+      CpxAccumulatorValue<Field>::SaveCount(state, batch, kItem, entry.value, entry.count);
+      return entry.count;
+    }
+    // Returns the count left, or nothing when `v` is not held.
+    std::optional<uint32_t> Remove(CpxAccumulatorState& state, Batch* batch, Value v) {
+      const auto entry = Container::Remove(v);
+      if (!entry) return std::nullopt;
+      CpxAccumulatorValue<Field>::SaveCount(state, batch, kItem, entry->value, entry->count);
+      return entry->count;
+    }
+    bool Load(const PutMessage& message, unsigned block) {
+      typename CpxAccumulatorValue<Field>::Key key{};
+      uint32_t count = 0;
+      if (!CpxAccumulatorValue<Field>::LoadCount(message, block, kItem, key, count) || count == 0)
+        return false;
+      Container::Add(CpxAccumulatorValue<Field>::View(key), count);
+      return true;
+    }
+    static constexpr uint32_t kNumber = kItem;
+  };
+
+ protected:
+  // A scalar member as item `number`: the member's bytes.
+  template <class M>
+  struct Item {
+    uint32_t number;
+    M& member;
+    bool Load(const PutMessage& message, unsigned) const {
+      const std::string_view bytes = message.GetKey().GetRawValue();
+      if (bytes.size() != sizeof(M)) return false;
+      std::memcpy(&member, bytes.data(), sizeof(M));
+      return true;
+    }
+  };
+
+  template <class M>
+  void SaveItem(Batch* batch, uint32_t item, const M& member) {
+    if (batch)
+      SaveRawBuffer(batch, item,
+                    std::string_view(reinterpret_cast<const char*>(&member), sizeof member));
+  }
+
+  // Assigns the one item of `message` that matches one of `items` (scalar
+  // Items and Counts); raises VX_SERVER_EXPRESSION_PERSISTENCE_WRONG_RESTORED_VALUE_TYPE
+  // naming `kind` when none matches or its bytes do not fit.
+  template <class... Items>
+  void RestoreItems(const PutMessage& message, unsigned block, const char* kind, Items&&... items) {
+    const uint32_t item = GetValueType(message, block);
+    const bool restored = ((NumberOf(items) == item && items.Load(message, block)) || ...);
+    if (!restored) RaiseUnknownItem(item, kind);
+  }
+
+ private:
+  template <class I>
+  static uint32_t NumberOf(const I& item) {
+    if constexpr (requires { item.number; }) {
+      return item.number;
+    } else {
+      return I::kNumber;
+    }
+  }
+};
+
+template <class Field>
+[[noreturn]] void CpxRaiseExtraNegative(const char* method, typename Field::ValueType v) {
+  CpxRaiseExtraNegativeTuple(method, CpxAccumulatorValue<Field>::Text(v));
+}
+
+// A double result as the output's value type: itself for Float, truncated
+// toward zero into the 64-bit count of Time and IntervalD2S.
+template <class R>
+std::optional<R> CpxAccumulatorResult(double r) {
+  if constexpr (std::is_integral_v<R>) {
+    return TruncateToInteger<R>(r);
+  } else {
+    return r;
+  }
+}
+
+// ---- Sum, SumDistinct ----
+
+// sum (T, wrapping for integers), zero count (T: live rows whose value is
+// 0) and the has-value flag, set by the first add and never cleared. The
+// result is NULL only before any value reached the group; once one has, it is
+// the sum, 0 when every row has been retracted. A retraction of a value other
+// than 0 is never questioned by Sum; SumDistinct also reports a value it does
+// not hold. Items: Sum 0 sum, 1 zero count, 2 flag; SumDistinct 0 map
+// entries, 1 sum, 2 zero count, 3 flag.
+template <class In, bool kDistinct>
+class CpxSumState final : public CpxAccumulatorState {
+  using T = typename In::ValueType;
+  static constexpr uint32_t kSumItem = kDistinct ? 1 : 0;
+  static constexpr const char* kMethod = kDistinct ? "Accumulator_SumDistinct" : "Accumulator_Sum";
+
+ public:
+  void AddValue(Batch* batch, T v) {
+    if (v == T{}) m_zeros = WrapAdd(m_zeros, T{1});
+    if constexpr (kDistinct) {
+      if (m_values.Add(*this, batch, v) > 1) return SaveItem(batch, kSumItem + 1, m_zeros);
+    }
+    m_sum = WrapAdd(m_sum, v);
+    m_flag = true;
+    SaveItem(batch, kSumItem, m_sum);
+    SaveItem(batch, kSumItem + 1, m_zeros);
+    SaveItem(batch, kSumItem + 2, m_flag);
+  }
+  // The zero count is changed before its test and stays changed when the
+  // test fails (Sum has changed its sum too; for a 0 that is no change).
+  void RemoveValue(Batch* batch, T v) {
+    if constexpr (!kDistinct) m_sum = WrapSubtract(m_sum, v);
+    if (v == T{}) {
+      m_zeros = WrapSubtract(m_zeros, T{1});
+      if (m_zeros < T{}) CpxRaiseExtraNegative<In>(kMethod, v);
+    }
+    if constexpr (kDistinct) {
+      const std::optional<uint32_t> left = m_values.Remove(*this, batch, v);
+      if (!left) CpxRaiseExtraNegative<In>(kMethod, v);
+      if (*left == 0) m_sum = WrapSubtract(m_sum, v);
+    }
+    SaveItem(batch, kSumItem, m_sum);
+    SaveItem(batch, kSumItem + 1, m_zeros);
+  }
+  std::optional<T> Result() const {
+    if (!m_flag && m_sum == T{} && m_zeros == T{}) return std::nullopt;
+    return m_sum;
+  }
+  void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+    if constexpr (kDistinct) {
+      RestoreItems(message, block, "SumDistinct", m_values, Item<T>{1, m_sum}, Item<T>{2, m_zeros},
+                   Item<bool>{3, m_flag});
+    } else {
+      RestoreItems(message, block, "Sum", Item<T>{0, m_sum}, Item<T>{1, m_zeros},
+                   Item<bool>{2, m_flag});
+    }
+  }
+
+ private:
+  struct NoValues {};
+  [[no_unique_address]] std::conditional_t<kDistinct, Counts<In, CpxMultiplicityMap<In>, 0>,
+                                           NoValues>
+      m_values;
+  T m_sum{};
+  T m_zeros{};
+  bool m_flag = false;
+};
+
+// ---- Avg, AvgDistinct ----
+
+// sum (double, or the 64-bit count for Time and IntervalD2S, which adds
+// wrapping) and count (unsigned for Avg; the signed number of distinct
+// values for AvgDistinct, whose map lets a value contribute while its count
+// is at least 1). Result: sum / count in double, NULL while the count is
+// below 1; for Time and IntervalD2S truncated toward zero. A failed
+// retraction changes nothing. Items: Avg 0 sum, 1 count; AvgDistinct 0 map
+// entries, 1 sum, 2 number.
+template <class In, class Out, bool kDistinct>
+class CpxAvgState final : public CpxAccumulatorState {
+  using T = typename In::ValueType;
+  using R = typename Out::ValueType;
+  using Sum = std::conditional_t<std::is_integral_v<R>, int64_t, double>;
+  using Count = std::conditional_t<kDistinct, int32_t, uint32_t>;
+  static constexpr uint32_t kSumItem = kDistinct ? 1 : 0;
+  static constexpr const char* kMethod = kDistinct ? "AvgDistinct" : "AvgAccumulator";
+
+ public:
+  void AddValue(Batch* batch, T v) {
+    if constexpr (kDistinct) {
+      if (m_values.Add(*this, batch, v) > 1) return;
+    }
+    m_sum = WrapAdd(m_sum, static_cast<Sum>(v));
+    ++m_count;
+    Save(batch);
+  }
+  void RemoveValue(Batch* batch, T v) {
+    if constexpr (kDistinct) {
+      const std::optional<uint32_t> left = m_values.Remove(*this, batch, v);
+      if (!left) CpxRaiseExtraNegative<In>(kMethod, v);
+      if (*left > 0) return;
+    } else if (m_count == 0) {
+      CpxRaiseExtraNegative<In>(kMethod, v);
+    }
+    m_sum = WrapSubtract(m_sum, static_cast<Sum>(v));
+    --m_count;
+    Save(batch);
+  }
+  std::optional<R> Result() const {
+    if (m_count < 1) return std::nullopt;
+    return CpxAccumulatorResult<R>(static_cast<double>(m_sum) / static_cast<double>(m_count));
+  }
+  void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+    if constexpr (kDistinct) {
+      RestoreItems(message, block, "AvgDistinct", m_values, Item<Sum>{1, m_sum},
+                   Item<Count>{2, m_count});
+    } else {
+      RestoreItems(message, block, "Avg", Item<Sum>{0, m_sum}, Item<Count>{1, m_count});
+    }
+  }
+
+ private:
+  void Save(Batch* batch) {
+    SaveItem(batch, kSumItem, m_sum);
+    SaveItem(batch, kSumItem + 1, m_count);
+  }
+  struct NoValues {};
+  [[no_unique_address]] std::conditional_t<kDistinct, Counts<In, CpxMultiplicityMap<In>, 0>,
+                                           NoValues>
+      m_values;
+  Sum m_sum{};
+  Count m_count = 0;
+};
+
+// ---- Median, MedianDistinct ----
+
+// The live values in an order-statistic tree, which is at once the
+// multiplicity map and the sorted sequence (of every row for Median, of the
+// distinct values for MedianDistinct). Result for n positions: NULL when
+// n = 0; the element at n div 2 for odd n; for even n the two middle
+// elements added in the input's own arithmetic (wrapping for integers) and
+// halved: Integer and Long as double times 0.5, Time and IntervalD2S by
+// integer division (toward zero), Float as doubles. A failed retraction
+// changes nothing. Item 0: map entries; a restore adds each value with its
+// count.
+template <class In, class Out, bool kDistinct>
+class CpxMedianState final : public CpxAccumulatorState {
+  using T = typename In::ValueType;
+  using R = typename Out::ValueType;
+  static constexpr const char* kMethod = kDistinct ? "MedianDistinct" : "Median";
+
+ public:
+  void AddValue(Batch* batch, T v) { m_values.Add(*this, batch, v); }
+  void RemoveValue(Batch* batch, T v) {
+    if (!m_values.Remove(*this, batch, v)) CpxRaiseExtraNegative<In>(kMethod, v);
+  }
+  std::optional<R> Result() const {
+    const uint64_t n = m_values.Weight();
+    if (n == 0) return std::nullopt;
+    if (n % 2 == 1) return static_cast<R>(m_values.At(n / 2));
+    const T a = m_values.At(n / 2 - 1);
+    const T b = m_values.At(n / 2);
+    if constexpr (std::is_floating_point_v<T>) {
+      return (a + b) / 2;
+    } else if constexpr (std::is_floating_point_v<R>) {
+      return static_cast<double>(WrapAdd(a, b)) * 0.5;
+    } else {
+      return WrapAdd(a, b) / 2;
+    }
+  }
+  void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+    RestoreItems(message, block, kMethod, m_values);
+  }
+
+ private:
+  Counts<In, CpxOrderStatisticTree<T, CpxAccumulatorLess, !kDistinct>, 0> m_values;
+};
+
+// ---- StandardDeviation, MeanDeviation and their Distinct forms ----
+
+// count (unsigned), sum (double), sum of squares (double; StandardDeviation
+// only) and the multiplicity map. The plain forms count every row in the
+// scalars; the Distinct forms only a value whose map count goes 0 -> 1 (and
+// back at 1 -> 0). Squares are formed in the input's own arithmetic (32-bit
+// for Integer, 64-bit for Long, Time and IntervalD2S, both wrapping) and only
+// then converted to double.
+//
+// Retraction: an empty state reports Kind::kEmptyMethod with nothing
+// changed. The plain forms then change the scalars before they look the
+// value up, so a value not held reports Kind::kAbsentMethod with the scalars
+// already changed; the Distinct forms look it up first and change nothing.
+//
+// Items: 0 count, 1 sum, 2 map entries, 3 sum of squares.
+template <class In, class Out, class Kind>
+class CpxDeviationState final : public CpxAccumulatorState {
+  using T = typename In::ValueType;
+  using R = typename Out::ValueType;
+
+ public:
+  void AddValue(Batch* batch, T v) {
+    const uint32_t count = m_values.Add(*this, batch, v);
+    if (!Kind::kDistinct || count == 1) Include(batch, v, +1);
+  }
+  void RemoveValue(Batch* batch, T v) {
+    if (m_count == 0) CpxRaiseExtraNegative<In>(Kind::kEmptyMethod, v);
+    if constexpr (!Kind::kDistinct) Include(batch, v, -1);
+    const std::optional<uint32_t> left = m_values.Remove(*this, batch, v);
+    if (!left) CpxRaiseExtraNegative<In>(Kind::kAbsentMethod, v);
+    if (Kind::kDistinct && *left == 0) Include(batch, v, -1);
+  }
+  std::optional<R> Result() const {
+    if (m_count == 0) return std::nullopt;
+    const double n = static_cast<double>(m_count);
+    if constexpr (Kind::kSquares) {
+      // Rounding can leave d at or a little below 0: the result is then 0.
+      const double d = n * m_squares - m_sum * m_sum;
+      return CpxAccumulatorResult<R>(d > 0 ? std::sqrt(d) / n : 0.0);
+    } else {
+      const double mean = m_sum / n;
+      double total = 0;
+      m_values.ForEach([&](T value, uint32_t count) {
+        total += std::fabs(static_cast<double>(value) - mean) * (Kind::kDistinct ? 1.0 : count);
+      });
+      return CpxAccumulatorResult<R>(total / n);
+    }
+  }
+  void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+    RestoreItems(message, block, Kind::kName, Item<uint32_t>{0, m_count}, Item<double>{1, m_sum},
+                 m_values, Item<double>{Kind::kSquares ? 3u : ~0u, m_squares});
+  }
+
+ private:
+  // Adds (sign +1) or retracts (-1) v in the scalars and saves them.
+  void Include(Batch* batch, T v, int sign) {
+    m_sum += sign * static_cast<double>(v);
+    m_count += sign;
+    SaveItem(batch, 1, m_sum);
+    SaveItem(batch, 0, m_count);
+    if constexpr (Kind::kSquares) {
+      m_squares += sign * static_cast<double>(WrapMultiply(v, v));
+      SaveItem(batch, 3, m_squares);
+    }
+  }
+
+  Counts<In, CpxMultiplicityMap<In>, 2> m_values;
+  uint32_t m_count = 0;
+  double m_sum = 0;
+  double m_squares = 0;
+};
+
+struct CpxStandardDeviationKind {
+  static constexpr bool kSquares = true, kDistinct = false;
+  static constexpr const char* kName = "StandardDeviation";
+  static constexpr const char* kEmptyMethod = "Accumulator_StandardDeviation";
+  static constexpr const char* kAbsentMethod = "StandardDeviation";
+};
+struct CpxStandardDeviationDistinctKind {
+  static constexpr bool kSquares = true, kDistinct = true;
+  static constexpr const char* kName = "StandardDeviationDistinct";
+  static constexpr const char* kEmptyMethod = "Accumulator_StandardDeviation_Distinct";
+  static constexpr const char* kAbsentMethod = "Accumulator_StandardDeviation_Deviation";
+};
+struct CpxMeanDeviationKind {
+  static constexpr bool kSquares = false, kDistinct = false;
+  static constexpr const char* kName = "MeanDeviation";
+  static constexpr const char* kEmptyMethod = "MeanDeviation";
+  static constexpr const char* kAbsentMethod = "MeanDeviation";
+};
+struct CpxMeanDeviationDistinctKind {
+  static constexpr bool kSquares = false, kDistinct = true;
+  static constexpr const char* kName = "MeanDeviationDistinct";
+  static constexpr const char* kEmptyMethod = "MeanDeviationDistinct";
+  static constexpr const char* kAbsentMethod = "MeanDeviationDistinct";
+};
+
+// ---- Min, Max and their Distinct forms ----
+
+// The multiplicity map in the kind's order (ascending for Min, descending
+// for Max); the result is its first key, NULL when it is empty. The Distinct
+// forms give the same results and exist as operators of their own. A failed
+// retraction changes nothing. Item 0: map entries.
+template <class In, class Kind>
+class CpxExtremeState final : public CpxAccumulatorState {
+  using Value = typename CpxAccumulatorValue<In>::Value;
+
+ public:
+  void AddValue(Batch* batch, Value v) { m_values.Add(*this, batch, v); }
+  void RemoveValue(Batch* batch, Value v) {
+    if (!m_values.Remove(*this, batch, v)) CpxRaiseExtraNegative<In>(Kind::kMethod, v);
+  }
+  std::optional<Value> Result() const {
+    if (m_values.Empty()) return std::nullopt;
+    return m_values.First();
+  }
+  void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+    RestoreItems(message, block, Kind::kMethod, m_values);
+  }
+
+ private:
+  Counts<In, CpxMultiplicityMap<In, typename Kind::Order>, 0> m_values;
+};
+
+struct CpxMinKind {
+  using Order = CpxAccumulatorLess;
+  static constexpr const char* kMethod = "Accumulator_Min";
+};
+struct CpxMinDistinctKind {
+  using Order = CpxAccumulatorLess;
+  static constexpr const char* kMethod = "Accumulator_MinDistinct";
+};
+struct CpxMaxKind {
+  using Order = CpxAccumulatorGreater;
+  static constexpr const char* kMethod = "Accumulator_Max";
+};
+struct CpxMaxDistinctKind {
+  using Order = CpxAccumulatorGreater;
+  static constexpr const char* kMethod = "Accumulator_MaxDistinct";
+};
+
+// ---- CountDistinct ----
+
+// The multiplicity map and the number of distinct values (signed 32-bit);
+// the result is the number, never NULL. A failed retraction changes nothing.
+// Items: 0 number, 1 map entries.
+template <class In>
+class CpxCountDistinctState final : public CpxAccumulatorState {
+  using Value = typename CpxAccumulatorValue<In>::Value;
+
+ public:
+  void AddValue(Batch* batch, Value v) {
+    if (m_values.Add(*this, batch, v) == 1) ++m_number;
+    SaveItem(batch, 0, m_number);
+  }
+  void RemoveValue(Batch* batch, Value v) {
+    const std::optional<uint32_t> left = m_values.Remove(*this, batch, v);
+    if (!left) CpxRaiseExtraNegative<In>("Accumulator_CountDistinct", v);
+    if (*left > 0) return;
+    --m_number;
+    SaveItem(batch, 0, m_number);
+  }
+  std::optional<int32_t> Result() const { return m_number; }
+  void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+    RestoreItems(message, block, "CountDistinct", Item<int32_t>{0, m_number}, m_values);
+  }
+
+ private:
+  Counts<In, CpxMultiplicityMap<In>, 1> m_values;
+  int32_t m_number = 0;
+};
+
+// ---- Last ----
+
+// The value of the last positive row with a non-NULL input. Retractions
+// change nothing (retracting the row that supplied the value does not bring
+// back an earlier one), and nothing is saved: after a restart the group has
+// no last value until its next positive row.
+template <class In>
+class CpxLastState final : public CpxAccumulatorState {
+  using Value = typename CpxAccumulatorValue<In>::Value;
+
+ public:
+  void AddValue(Batch*, Value v) {
+    CpxAccumulatorValue<In>::Assign(m_last, v);
+    m_flag = true;
+  }
+  void RemoveValue(Batch*, Value) {}
+  std::optional<Value> Result() const {
+    if (!m_flag) return std::nullopt;
+    return CpxAccumulatorValue<In>::View(m_last);
+  }
+
+ private:
+  typename CpxAccumulatorValue<In>::Key m_last{};
+  bool m_flag = false;
+};
+
+// ---- Count, CountRows ----
+
+// A signed 32-bit counter, never NULL. Retracting from a counter that is not
+// above 0 logs "Negative count should never happen!" with "m_counter" and
+// raises, the counter unchanged. Item 0: the counter.
+class CpxCounterState final : public CpxAccumulatorState {
+ public:
+  using Value = CpxAccumulatorInput_AnyValue::Value;
+  void AddValue(Batch* batch, Value) {
+    ++m_counter;
+    SaveItem(batch, 0, m_counter);
+  }
+  void RemoveValue(Batch* batch, Value) { DecrementCounter(batch); }
+  void DecrementCounter(Batch* batch);
+  std::optional<int32_t> Result() const { return m_counter; }
+  void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+    RestoreItems(message, block, "Count", Item<int32_t>{0, m_counter});
+  }
+
+ private:
+  int32_t m_counter = 0;
+};
+
+// ---- the executor ----
+
+// Runs one accumulator step (see the file comment). Shape checked at load:
+// exactly one input (of Input's type when it is typed) and one output of
+// Out's type.
+template <class Input, class Out, class StateClass>
+class CpxExpressionOperator_Accumulator_Engine : public CpxExpressionOperator_Engine {
+ public:
+  using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
+  using State = StateClass;
+
+  void InsureValidParameters() const override {
+    InsureParameterCounts(1, 1);
+    if constexpr (Input::kTyped) InsureInputType(0, Input::kKind);
+    InsureOutputType(0, Out::kKind);
+    CpxExpressionOperator_Engine::InsureValidParameters();
+  }
+  Ptr<CpxExpressionOperatorState_Engine> CreateState() const override { return MakePtr<State>(); }
+  void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
+    unsigned out_pos = 0, in_pos = 0;
+    CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
+    const CpxTuple* in = GetInputTupleField(ev, 0, in_pos);
+    State& state = static_cast<State&>(*ev->GetOperatorState(position));
+    if (Input::Present(*in, in_pos)) {
+      switch (in->GetTupleType()) {
+        case Message::kPositive:
+          state.AddValue(ev->GetPersistentBatch(), Input::Read(*in, in_pos));
+          break;
+        case Message::kNegative:
+          state.RemoveValue(ev->GetPersistentBatch(), Input::Read(*in, in_pos));
+          break;
+        default:
+          break;
+      }
+    }
+    if (const auto result = state.Result()) {
+      Out::SetValue(*out, out_pos, *result);
+    } else {
+      out->ClearFieldValue(out_pos);
+    }
+  }
+};
+
+// ---- the kinds ----
+
+// Each kind over an input field class In (its value type follows from In)
+// and, where the result type differs, the output field class Out (Avg and
+// Median: Float for Integer, Long and Float, else the input's type; the
+// deviations: Float, or IntervalD2S for Time and IntervalD2S).
+
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_Sum = CpxSumState<In, false>;
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_SumDistinct = CpxSumState<In, true>;
+template <class In, class Out>
+using CpxExpressionOperatorState_Engine_Accumulator_Avg = CpxAvgState<In, Out, false>;
+template <class In, class Out>
+using CpxExpressionOperatorState_Engine_Accumulator_AvgDistinct = CpxAvgState<In, Out, true>;
+template <class In, class Out>
+using CpxExpressionOperatorState_Engine_Accumulator_Median = CpxMedianState<In, Out, false>;
+template <class In, class Out>
+using CpxExpressionOperatorState_Engine_Accumulator_MedianDistinct = CpxMedianState<In, Out, true>;
+template <class In, class Out>
+using CpxExpressionOperatorState_Engine_Accumulator_StandardDeviation =
+    CpxDeviationState<In, Out, CpxStandardDeviationKind>;
+template <class In, class Out>
+using CpxExpressionOperatorState_Engine_Accumulator_StandardDeviationDistinct =
+    CpxDeviationState<In, Out, CpxStandardDeviationDistinctKind>;
+template <class In, class Out>
+using CpxExpressionOperatorState_Engine_Accumulator_MeanDeviation =
+    CpxDeviationState<In, Out, CpxMeanDeviationKind>;
+template <class In, class Out>
+using CpxExpressionOperatorState_Engine_Accumulator_MeanDeviationDistinct =
+    CpxDeviationState<In, Out, CpxMeanDeviationDistinctKind>;
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_Min = CpxExtremeState<In, CpxMinKind>;
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_MinDistinct =
+    CpxExtremeState<In, CpxMinDistinctKind>;
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_Max = CpxExtremeState<In, CpxMaxKind>;
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_MaxDistinct =
+    CpxExtremeState<In, CpxMaxDistinctKind>;
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_CountDistinct = CpxCountDistinctState<In>;
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_Last = CpxLastState<In>;
+
+// The operator of kind K over In (and Out): the executor with K's state.
+#define VX_ACCUMULATOR_KIND(Kind)                           \
+  template <class In>                                       \
+  using CpxExpressionOperator_Accumulator_##Kind##_Engine = \
+      CpxExpressionOperator_Accumulator_Engine<             \
+          CpxAccumulatorValue<In>, In, CpxExpressionOperatorState_Engine_Accumulator_##Kind<In>>;
+#define VX_ACCUMULATOR_KIND_TO(Kind)                        \
+  template <class In, class Out>                            \
+  using CpxExpressionOperator_Accumulator_##Kind##_Engine = \
+      CpxExpressionOperator_Accumulator_Engine<             \
+          CpxAccumulatorValue<In>, Out,                     \
+          CpxExpressionOperatorState_Engine_Accumulator_##Kind<In, Out>>;
+
+VX_ACCUMULATOR_KIND(Sum)
+VX_ACCUMULATOR_KIND(SumDistinct)
+VX_ACCUMULATOR_KIND(Min)
+VX_ACCUMULATOR_KIND(MinDistinct)
+VX_ACCUMULATOR_KIND(Max)
+VX_ACCUMULATOR_KIND(MaxDistinct)
+VX_ACCUMULATOR_KIND(Last)
+VX_ACCUMULATOR_KIND_TO(Avg)
+VX_ACCUMULATOR_KIND_TO(AvgDistinct)
+VX_ACCUMULATOR_KIND_TO(Median)
+VX_ACCUMULATOR_KIND_TO(MedianDistinct)
+VX_ACCUMULATOR_KIND_TO(StandardDeviation)
+VX_ACCUMULATOR_KIND_TO(StandardDeviationDistinct)
+VX_ACCUMULATOR_KIND_TO(MeanDeviation)
+VX_ACCUMULATOR_KIND_TO(MeanDeviationDistinct)
+
+#undef VX_ACCUMULATOR_KIND
+#undef VX_ACCUMULATOR_KIND_TO
+
+// CountDistinct writes an Integer whatever its input.
+template <class In>
+using CpxExpressionOperator_Accumulator_CountDistinct_Engine =
+    CpxExpressionOperator_Accumulator_Engine<CpxAccumulatorValue<In>, CpxTupleField_Integer,
+                                             CpxCountDistinctState<In>>;
+
+// ---- Threshold ----
+
+// Logs Execute's report of a criteria outside 0 ... 2.
+void CpxLogInvalidThresholdCriteria(const std::string& operator_name, int32_t criteria);
+// Logs GetResult's report of an out-of-range criteria (the text depends on
+// whether a previous value exists).
+void CpxLogInvalidThresholdRequest(bool has_previous, int32_t criteria);
+
+// The monitored value of the group's last positive row with usable inputs,
+// and whether there is one. Items: 0 previous value, 1 flag.
+template <class In>
+class CpxExpressionOperatorState_Engine_Threshold final : public CpxAccumulatorState {
+  using T = typename In::ValueType;
+
+ public:
+  enum Criteria : int32_t { kUp = 0, kDown = 1, kAny = 2 };
+
+  // Whether v has just crossed t in the criteria's direction, p being the
+  // previous value: UP v > t (and p <= t), DOWN v < t (and p >= t), ANY
+  // either with a previous value and false without. A value equal to the
+  // threshold never fires. Another criteria is logged and gives false.
+  bool GetResult(T v, T t, int32_t criteria) const {
+    const bool up = v > t && (!m_has_previous || m_previous <= t);
+    const bool down = v < t && (!m_has_previous || m_previous >= t);
+    switch (criteria) {
+      case kUp:
+        return up;
+      case kDown:
+        return down;
+      case kAny:
+        return m_has_previous && (up || down);
+      default:
+        CpxLogInvalidThresholdRequest(m_has_previous, criteria);
+        return false;
+    }
+  }
+  void Remember(Batch* batch, T v) {
+    m_previous = v;
+    m_has_previous = true;
+    SaveItem(batch, 0, m_previous);
+    SaveItem(batch, 1, m_has_previous);
+  }
+  void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
+    RestoreItems(message, block, "Threshold", Item<T>{0, m_previous},
+                 Item<bool>{1, m_has_previous});
+  }
+
+ private:
+  T m_previous{};
+  bool m_has_previous = false;
+};
+
+// Inputs: 0 criteria (Integer: 0 UP, 1 DOWN, 2 ANY), 1 monitored value,
+// 2 threshold (both In); output 0 Boolean. NULL policy: any NULL input, an
+// out-of-range criteria (logged) and a negative row give NULL; only a
+// positive row with usable inputs moves the remembered value.
+template <class In>
+class CpxExpressionOperator_Threshold_Engine : public CpxExpressionOperator_Engine {
+ public:
+  using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
+  using State = CpxExpressionOperatorState_Engine_Threshold<In>;
+
+  void InsureValidParameters() const override {
+    InsureParameterCounts(3, 1);
+    InsureInputType(0, CpxFieldKind::Integer);
+    InsureInputType(1, In::kKind);
+    InsureInputType(2, In::kKind);
+    InsureOutputType(0, CpxFieldKind::Boolean);
+    CpxExpressionOperator_Engine::InsureValidParameters();
+  }
+  Ptr<CpxExpressionOperatorState_Engine> CreateState() const override { return MakePtr<State>(); }
+  void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
+    unsigned out_pos = 0, pos = 0;
+    CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
+    const CpxTuple* t = GetInputTupleField(ev, 0, pos);
+    if (!t->HasFieldValue(pos)) return out->ClearFieldValue(out_pos);
+    const int32_t criteria = CpxTupleField_Integer::GetValue(t, pos);
+    if (criteria < State::kUp || criteria > State::kAny) {
+      CpxLogInvalidThresholdCriteria(GetName(), criteria);
+      return out->ClearFieldValue(out_pos);
+    }
+    const CpxTuple* value_tuple = GetInputTupleField(ev, 1, pos);
+    if (!value_tuple->HasFieldValue(pos)) return out->ClearFieldValue(out_pos);
+    const typename In::ValueType value = In::GetValue(value_tuple, pos);
+    t = GetInputTupleField(ev, 2, pos);
+    if (!t->HasFieldValue(pos)) return out->ClearFieldValue(out_pos);
+    const typename In::ValueType threshold = In::GetValue(t, pos);
+    State& state = static_cast<State&>(*ev->GetOperatorState(position));
+    const int sign = value_tuple->GetTupleType();
+    if (sign == Message::kNegative) return out->ClearFieldValue(out_pos);
+    CpxTupleField_Boolean::SetValue(*out, out_pos, state.GetResult(value, threshold, criteria));
+    if (sign == Message::kPositive) state.Remember(ev->GetPersistentBatch(), value);
+  }
+};
+
+}  // namespace vx
