@@ -24,10 +24,13 @@
 
 #include "cpx_expressions/cpx_expression_engine.h"
 #include "cpx_expressions/cpx_expression_operators.h"
+#include "tests/unit/test_util.h"
 
 namespace {
 
 using namespace vx;
+using vx::testing::Op;
+using vx::testing::Ref;
 
 constexpr int kRows = 1000000;
 constexpr int kGroups = 20;
@@ -36,25 +39,6 @@ constexpr int kOperators = kGroups * 5;
 // Row i of the input: a in -1000 ... 1000, b in [0, 1).
 inline int32_t RowA(int i) { return static_cast<int32_t>(int64_t{i} * 7919 % 2001) - 1000; }
 inline double RowB(int i) { return (i % 997) / 997.0; }
-
-class BenchParent : public CpxExpressionContextParent_Engine {
- public:
-  Ptr<CpxTupleKey_Engine> GetContextGroupByKey() const override { return nullptr; }
-  const CpxTupleDescriptor* FindTupleDescriptor(const std::string&) const override {
-    return nullptr;
-  }
-};
-
-std::string Ref(const char* kind, const char* tuple, const char* field) {
-  return std::string("<TupleFieldRef xsi:type=\"") + kind + "TupleFieldRefType\" TupleRef=\"" +
-         tuple + "\" FieldRef=\"" + field + "\"/>";
-}
-
-std::string Op(const std::string& name, const char* type, const std::string& in,
-               const std::string& out) {
-  return "<Operator Name=\"" + name + "\" xsi:type=\"" + type + "\"><InputParameters>" + in +
-         "</InputParameters><OutputParameters>" + out + "</OutputParameters></Operator>";
-}
 
 std::string ChainContext() {
   const std::string a = Ref("Input", "In", "a"), b = Ref("Input", "In", "b");
@@ -125,7 +109,7 @@ class EngineChain {
   }
 
  private:
-  BenchParent m_parent;
+  testing::TestParent m_parent;
   Ptr<CpxExpressionContext_Engine> m_ctx;
   Ptr<CpxTuple> m_row;
   CpxTuplesList_Vector m_input;

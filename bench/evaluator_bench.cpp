@@ -11,40 +11,13 @@
 
 #include "cpx_expressions/cpx_expression_engine.h"
 #include "support/memory.h"
+#include "tests/unit/test_util.h"
 
 namespace {
 
 using namespace vx;
-
-class BenchParent : public CpxExpressionContextParent_Engine {
- public:
-  explicit BenchParent(bool grouped) : m_grouped(grouped) {}
-  Ptr<CpxTupleKey_Engine> GetContextGroupByKey() const override {
-    if (!m_grouped) return nullptr;
-    Ptr<CpxTupleKey_Engine> key = MakePtr<CpxTupleKey_Engine>();
-    key->SetDescriptorName("In");
-    key->AddField("k", false);
-    return key;
-  }
-  const CpxTupleDescriptor* FindTupleDescriptor(const std::string&) const override {
-    return nullptr;
-  }
-
- private:
-  bool m_grouped;
-};
-
-std::string Ref(const char* kind, const char* tuple, const char* field) {
-  return std::string("<TupleFieldRef xsi:type=\"") + kind + "TupleFieldRefType\" TupleRef=\"" +
-         tuple + "\" FieldRef=\"" + field + "\"/>";
-}
-
-std::string Op(const char* name, const char* type, const std::string& in, const std::string& out,
-               const char* attrs = "") {
-  return std::string("<Operator Name=\"") + name + "\" xsi:type=\"" + type + "\" " + attrs +
-         "><InputParameters>" + in + "</InputParameters><OutputParameters>" + out +
-         "</OutputParameters></Operator>";
-}
+using vx::testing::Op;
+using vx::testing::Ref;
 
 // SELECT k, a*2+1 AS x, b*b AS y, CASE WHEN a > 500 THEN b ELSE -b END AS z,
 //        a >= 100 AS big, b < 0.5 AS low
@@ -88,7 +61,7 @@ std::string TenOperatorContext() {
 }
 
 void RunContext(benchmark::State& state, bool grouped) {
-  BenchParent parent(grouped);
+  testing::TestParent parent(grouped ? std::vector<std::string>{"k"} : std::vector<std::string>{});
   Ptr<CpxExpressionContext_Engine> ctx =
       CpxExpressionContext_Engine::LoadFromString(TenOperatorContext(), "bench.xml", &parent);
   ctx->InitializeEvaluators();

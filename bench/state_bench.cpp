@@ -11,34 +11,13 @@
 
 #include "cpx_expressions/cpx_expression_engine.h"
 #include "support/storage.h"
+#include "tests/unit/test_util.h"
 
 namespace {
 
 using namespace vx;
-
-class GroupedParent : public CpxExpressionContextParent_Engine {
- public:
-  Ptr<CpxTupleKey_Engine> GetContextGroupByKey() const override {
-    Ptr<CpxTupleKey_Engine> key = MakePtr<CpxTupleKey_Engine>();
-    key->SetDescriptorName("In");
-    key->AddField("k", false);
-    return key;
-  }
-  const CpxTupleDescriptor* FindTupleDescriptor(const std::string&) const override {
-    return nullptr;
-  }
-};
-
-std::string Ref(const char* kind, const char* tuple, const char* field) {
-  return std::string("<TupleFieldRef xsi:type=\"") + kind + "TupleFieldRefType\" TupleRef=\"" +
-         tuple + "\" FieldRef=\"" + field + "\"/>";
-}
-
-std::string Op(const char* name, const char* type, const std::string& in, const std::string& out) {
-  return std::string("<Operator Name=\"") + name + "\" xsi:type=\"" + type +
-         "\"><InputParameters>" + in + "</InputParameters><OutputParameters>" + out +
-         "</OutputParameters></Operator>";
-}
+using vx::testing::Op;
+using vx::testing::Ref;
 
 std::string Context() {
   return std::string(
@@ -61,7 +40,7 @@ std::string Context() {
 }
 
 void Run(benchmark::State& state, bool persistent) {
-  GroupedParent parent;
+  testing::TestParent parent({"k"});
   Ptr<CpxExpressionContext_Engine> ctx =
       CpxExpressionContext_Engine::LoadFromString(Context(), "state.xml", &parent);
   const std::string folder = (std::filesystem::temp_directory_path() /

@@ -11,15 +11,12 @@
 
 #include "cpx_expressions/cpx_string_operators.h"
 #include "support/memory.h"
+#include "tests/unit/test_util.h"
 
 namespace {
 
 using namespace vx;
-
-std::string Ref(const char* kind, const char* tuple, const char* field) {
-  return std::string("<TupleFieldRef xsi:type=\"") + kind + "TupleFieldRefType\" TupleRef=\"" +
-         tuple + "\" FieldRef=\"" + field + "\"/>";
-}
+using vx::testing::Ref;
 
 // Out.m = <type>(In.s, In.p)
 std::string PatternContext(const char* type) {

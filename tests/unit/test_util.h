@@ -41,9 +41,9 @@ inline std::string Ref(const char* kind, const char* tuple, const char* field) {
          tuple + "\" FieldRef=\"" + field + "\"/>";
 }
 
-inline std::string Op(const char* name, const char* type, const std::string& inputs,
+inline std::string Op(const std::string& name, const std::string& type, const std::string& inputs,
                       const std::string& outputs, const std::string& attributes = "") {
-  return std::string("<Operator Name=\"") + name + "\" xsi:type=\"" + type + "\" " + attributes +
+  return "<Operator Name=\"" + name + "\" xsi:type=\"" + type + "\" " + attributes +
          "><InputParameters>" + inputs + "</InputParameters><OutputParameters>" + outputs +
          "</OutputParameters></Operator>";
 }
