@@ -7,6 +7,9 @@
 // evaluators' state vectors and the group map; evaluator objects and tuples
 // are not allocated through the accounting).
 //
+// BM_SumAvgCountUngrouped: the same operators in an ungrouped context, so
+// without the group lookup.
+//
 // BM_MedianSlide/L: an ungrouped Median over a sliding window of L live
 // values (1,000, 100,000, 1,000,000). Each iteration retracts the oldest
 // value and adds a new random one (two rows); prints the cost per row.
@@ -112,6 +115,23 @@ void BM_SumAvgCount(benchmark::State& state) {
   runner.ctx->ShutdownEvaluators();
 }
 
+// The same three accumulators without a group lookup: their own cost.
+void BM_SumAvgCountUngrouped(benchmark::State& state) {
+  Parent parent(false);
+  Runner runner(Load(parent,
+                     "<Field Name=\"s\" Type=\"integer\"/><Field Name=\"a\" Type=\"float\"/>"
+                     "<Field Name=\"c\" Type=\"integer\"/>",
+                     Op("AccumulatorSumInteger", "v", "s") + Op("AccumulatorAvgFloat", "f", "a") +
+                         Op("AccumulatorCount", "v", "c")));
+  int64_t n = 0;
+  for (auto _ : state) {
+    runner.Run(0, static_cast<int32_t>(n % 1000), Message::kPositive);
+    ++n;
+  }
+  state.counters["rows/s"] =
+      benchmark::Counter(static_cast<double>(n), benchmark::Counter::kIsRate);
+}
+
 void BM_MedianSlide(benchmark::State& state) {
   const size_t live = static_cast<size_t>(state.range(0));
   Parent parent(false);
@@ -145,6 +165,7 @@ BENCHMARK(BM_SumAvgCount)
     ->Arg(1000000)
     ->Iterations(2000000)
     ->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_SumAvgCountUngrouped)->Iterations(2000000)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_MedianSlide)
     ->Arg(1000)
     ->Arg(100000)

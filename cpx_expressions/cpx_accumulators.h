@@ -45,6 +45,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <new>
 #include <optional>
 #include <string>
@@ -96,8 +97,7 @@ struct CpxAccumulatorValue {
   using Value = typename Field::ValueType;
   static constexpr bool kBytes = std::is_same_v<Value, std::string_view>;
   using Key = std::conditional_t<kBytes, VxMemoryString, Value>;
-  static constexpr bool kTyped = true;
-  static constexpr CpxFieldKind kKind = Field::kKind;
+  static constexpr std::optional<CpxFieldKind> kKind = Field::kKind;
 
   static bool Present(const CpxTuple& t, unsigned pos) { return t.HasFieldValue(pos); }
   static Value Read(const CpxTuple& t, unsigned pos) {
@@ -198,7 +198,7 @@ struct CpxAccumulatorValue {
 // Count: the input counts when its field holds a value; nothing is read.
 struct CpxAccumulatorInput_AnyValue {
   struct Value {};
-  static constexpr bool kTyped = false;
+  static constexpr std::optional<CpxFieldKind> kKind = std::nullopt;  // any type
   static bool Present(const CpxTuple& t, unsigned pos) { return t.HasFieldValue(pos); }
   static Value Read(const CpxTuple&, unsigned) { return {}; }
 };
@@ -531,8 +531,7 @@ class CpxMedianState final : public CpxAccumulatorState {
     const uint64_t n = m_values.Weight();
     if (n == 0) return std::nullopt;
     if (n % 2 == 1) return static_cast<R>(m_values.At(n / 2));
-    const T a = m_values.At(n / 2 - 1);
-    const T b = m_values.At(n / 2);
+    const auto [a, b] = m_values.AtPair(n / 2 - 1);
     if constexpr (std::is_floating_point_v<T>) {
       return (a + b) / 2;
     } else if constexpr (std::is_floating_point_v<R>) {
@@ -551,6 +550,26 @@ class CpxMedianState final : public CpxAccumulatorState {
 
 // ---- StandardDeviation, MeanDeviation and their Distinct forms ----
 
+// What tells the four deviation kinds apart: squares (StandardDeviation)
+// or absolute deviations (MeanDeviation), every row or distinct values, and
+// the names of their reports.
+struct CpxDeviationKind {
+  bool squares;
+  bool distinct;
+  const char* name;
+  const char* empty_method;   // the group holds no value
+  const char* absent_method;  // the value is not among those held
+};
+inline constexpr CpxDeviationKind kCpxStandardDeviation{
+    true, false, "StandardDeviation", "Accumulator_StandardDeviation", "StandardDeviation"};
+inline constexpr CpxDeviationKind kCpxStandardDeviationDistinct{
+    true, true, "StandardDeviationDistinct", "Accumulator_StandardDeviation_Distinct",
+    "Accumulator_StandardDeviation_Deviation"};
+inline constexpr CpxDeviationKind kCpxMeanDeviation{false, false, "MeanDeviation", "MeanDeviation",
+                                                    "MeanDeviation"};
+inline constexpr CpxDeviationKind kCpxMeanDeviationDistinct{
+    false, true, "MeanDeviationDistinct", "MeanDeviationDistinct", "MeanDeviationDistinct"};
+
 // count (unsigned), sum (double), sum of squares (double; StandardDeviation
 // only) and the multiplicity map. The plain forms count every row in the
 // scalars; the Distinct forms only a value whose map count goes 0 -> 1 (and
@@ -558,13 +577,13 @@ class CpxMedianState final : public CpxAccumulatorState {
 // for Integer, 64-bit for Long, Time and IntervalD2S, both wrapping) and only
 // then converted to double.
 //
-// Retraction: an empty state reports Kind::kEmptyMethod with nothing
+// Retraction: an empty state reports Kind.empty_method with nothing
 // changed. The plain forms then change the scalars before they look the
-// value up, so a value not held reports Kind::kAbsentMethod with the scalars
+// value up, so a value not held reports Kind.absent_method with the scalars
 // already changed; the Distinct forms look it up first and change nothing.
 //
 // Items: 0 count, 1 sum, 2 map entries, 3 sum of squares.
-template <class In, class Out, class Kind>
+template <class In, class Out, const CpxDeviationKind& Kind>
 class CpxDeviationState final : public CpxAccumulatorState {
   using T = typename In::ValueType;
   using R = typename Out::ValueType;
@@ -572,19 +591,19 @@ class CpxDeviationState final : public CpxAccumulatorState {
  public:
   void AddValue(Batch* batch, T v) {
     const uint32_t count = m_values.Add(*this, batch, v);
-    if (!Kind::kDistinct || count == 1) Include(batch, v, +1);
+    if (!Kind.distinct || count == 1) Include(batch, v, +1);
   }
   void RemoveValue(Batch* batch, T v) {
-    if (m_count == 0) CpxRaiseExtraNegative<In>(Kind::kEmptyMethod, v);
-    if constexpr (!Kind::kDistinct) Include(batch, v, -1);
+    if (m_count == 0) CpxRaiseExtraNegative<In>(Kind.empty_method, v);
+    if constexpr (!Kind.distinct) Include(batch, v, -1);
     const std::optional<uint32_t> left = m_values.Remove(*this, batch, v);
-    if (!left) CpxRaiseExtraNegative<In>(Kind::kAbsentMethod, v);
-    if (Kind::kDistinct && *left == 0) Include(batch, v, -1);
+    if (!left) CpxRaiseExtraNegative<In>(Kind.absent_method, v);
+    if (Kind.distinct && *left == 0) Include(batch, v, -1);
   }
   std::optional<R> Result() const {
     if (m_count == 0) return std::nullopt;
     const double n = static_cast<double>(m_count);
-    if constexpr (Kind::kSquares) {
+    if constexpr (Kind.squares) {
       // Rounding can leave d at or a little below 0: the result is then 0.
       const double d = n * m_squares - m_sum * m_sum;
       return CpxAccumulatorResult<R>(d > 0 ? std::sqrt(d) / n : 0.0);
@@ -592,14 +611,14 @@ class CpxDeviationState final : public CpxAccumulatorState {
       const double mean = m_sum / n;
       double total = 0;
       m_values.ForEach([&](T value, uint32_t count) {
-        total += std::fabs(static_cast<double>(value) - mean) * (Kind::kDistinct ? 1.0 : count);
+        total += std::fabs(static_cast<double>(value) - mean) * (Kind.distinct ? 1.0 : count);
       });
       return CpxAccumulatorResult<R>(total / n);
     }
   }
   void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
-    RestoreItems(message, block, Kind::kName, Item<uint32_t>{0, m_count}, Item<double>{1, m_sum},
-                 m_values, Item<double>{Kind::kSquares ? 3u : ~0u, m_squares});
+    RestoreItems(message, block, Kind.name, Item<uint32_t>{0, m_count}, Item<double>{1, m_sum},
+                 m_values, Item<double>{Kind.squares ? 3u : ~0u, m_squares});
   }
 
  private:
@@ -609,7 +628,7 @@ class CpxDeviationState final : public CpxAccumulatorState {
     m_count += sign;
     SaveItem(batch, 1, m_sum);
     SaveItem(batch, 0, m_count);
-    if constexpr (Kind::kSquares) {
+    if constexpr (Kind.squares) {
       m_squares += sign * static_cast<double>(WrapMultiply(v, v));
       SaveItem(batch, 3, m_squares);
     }
@@ -621,73 +640,42 @@ class CpxDeviationState final : public CpxAccumulatorState {
   double m_squares = 0;
 };
 
-struct CpxStandardDeviationKind {
-  static constexpr bool kSquares = true, kDistinct = false;
-  static constexpr const char* kName = "StandardDeviation";
-  static constexpr const char* kEmptyMethod = "Accumulator_StandardDeviation";
-  static constexpr const char* kAbsentMethod = "StandardDeviation";
-};
-struct CpxStandardDeviationDistinctKind {
-  static constexpr bool kSquares = true, kDistinct = true;
-  static constexpr const char* kName = "StandardDeviationDistinct";
-  static constexpr const char* kEmptyMethod = "Accumulator_StandardDeviation_Distinct";
-  static constexpr const char* kAbsentMethod = "Accumulator_StandardDeviation_Deviation";
-};
-struct CpxMeanDeviationKind {
-  static constexpr bool kSquares = false, kDistinct = false;
-  static constexpr const char* kName = "MeanDeviation";
-  static constexpr const char* kEmptyMethod = "MeanDeviation";
-  static constexpr const char* kAbsentMethod = "MeanDeviation";
-};
-struct CpxMeanDeviationDistinctKind {
-  static constexpr bool kSquares = false, kDistinct = true;
-  static constexpr const char* kName = "MeanDeviationDistinct";
-  static constexpr const char* kEmptyMethod = "MeanDeviationDistinct";
-  static constexpr const char* kAbsentMethod = "MeanDeviationDistinct";
-};
-
 // ---- Min, Max and their Distinct forms ----
+
+// Min or Max (the map's order) and the name of the report.
+struct CpxExtremeKind {
+  bool descending;
+  const char* method;
+};
+inline constexpr CpxExtremeKind kCpxMin{false, "Accumulator_Min"};
+inline constexpr CpxExtremeKind kCpxMinDistinct{false, "Accumulator_MinDistinct"};
+inline constexpr CpxExtremeKind kCpxMax{true, "Accumulator_Max"};
+inline constexpr CpxExtremeKind kCpxMaxDistinct{true, "Accumulator_MaxDistinct"};
 
 // The multiplicity map in the kind's order (ascending for Min, descending
 // for Max); the result is its first key, NULL when it is empty. The Distinct
 // forms give the same results and exist as operators of their own. A failed
 // retraction changes nothing. Item 0: map entries.
-template <class In, class Kind>
+template <class In, const CpxExtremeKind& Kind>
 class CpxExtremeState final : public CpxAccumulatorState {
   using Value = typename CpxAccumulatorValue<In>::Value;
 
  public:
   void AddValue(Batch* batch, Value v) { m_values.Add(*this, batch, v); }
   void RemoveValue(Batch* batch, Value v) {
-    if (!m_values.Remove(*this, batch, v)) CpxRaiseExtraNegative<In>(Kind::kMethod, v);
+    if (!m_values.Remove(*this, batch, v)) CpxRaiseExtraNegative<In>(Kind.method, v);
   }
   std::optional<Value> Result() const {
     if (m_values.Empty()) return std::nullopt;
     return m_values.First();
   }
   void RestoreFromPersistentStorage(const PutMessage& message, unsigned block) override {
-    RestoreItems(message, block, Kind::kMethod, m_values);
+    RestoreItems(message, block, Kind.method, m_values);
   }
 
  private:
-  Counts<In, CpxMultiplicityMap<In, typename Kind::Order>, 0> m_values;
-};
-
-struct CpxMinKind {
-  using Order = CpxAccumulatorLess;
-  static constexpr const char* kMethod = "Accumulator_Min";
-};
-struct CpxMinDistinctKind {
-  using Order = CpxAccumulatorLess;
-  static constexpr const char* kMethod = "Accumulator_MinDistinct";
-};
-struct CpxMaxKind {
-  using Order = CpxAccumulatorGreater;
-  static constexpr const char* kMethod = "Accumulator_Max";
-};
-struct CpxMaxDistinctKind {
-  using Order = CpxAccumulatorGreater;
-  static constexpr const char* kMethod = "Accumulator_MaxDistinct";
+  using Order = std::conditional_t<Kind.descending, CpxAccumulatorGreater, CpxAccumulatorLess>;
+  Counts<In, CpxMultiplicityMap<In, Order>, 0> m_values;
 };
 
 // ---- CountDistinct ----
@@ -770,29 +758,55 @@ class CpxCounterState final : public CpxAccumulatorState {
   int32_t m_counter = 0;
 };
 
-// ---- the executor ----
+// ---- the executors ----
 
-// Runs one accumulator step (see the file comment). Shape checked at load:
-// exactly one input (of Input's type when it is typed) and one output of
-// Out's type.
-template <class Input, class Out, class StateClass>
-class CpxExpressionOperator_Accumulator_Engine : public CpxExpressionOperator_Engine {
+// Base of the accumulators and Threshold: the per-group state and the
+// load-time shape check.
+template <class StateClass>
+class CpxExpressionOperator_Stateful_Engine : public CpxExpressionOperator_Engine {
  public:
   using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
   using State = StateClass;
 
-  void InsureValidParameters() const override {
-    InsureParameterCounts(1, 1);
-    if constexpr (Input::kTyped) InsureInputType(0, Input::kKind);
-    InsureOutputType(0, Out::kKind);
+  Ptr<CpxExpressionOperatorState_Engine> CreateState() const override { return MakePtr<State>(); }
+
+ protected:
+  State& GetState(CpxExpressionEvaluator_Engine* ev, unsigned position) const {
+    return static_cast<State&>(*ev->GetOperatorState(position));
+  }
+  // Raises unless the inputs are exactly of `inputs` (an empty kind accepts
+  // any type) and there is one output of `out`.
+  void InsureShape(std::initializer_list<std::optional<CpxFieldKind>> inputs,
+                   CpxFieldKind out) const {
+    InsureParameterCounts(static_cast<int>(inputs.size()), 1);
+    unsigned i = 0;
+    for (const std::optional<CpxFieldKind>& kind : inputs) {
+      if (kind) InsureInputType(i, *kind);
+      ++i;
+    }
+    InsureOutputType(0, out);
     CpxExpressionOperator_Engine::InsureValidParameters();
   }
-  Ptr<CpxExpressionOperatorState_Engine> CreateState() const override { return MakePtr<State>(); }
+};
+
+// Runs one accumulator step (see the file comment). Shape checked at load:
+// exactly one input (of Input's type when it has one) and one output of
+// Out's type.
+template <class Input, class Out, class StateClass>
+class CpxExpressionOperator_Accumulator_Engine
+    : public CpxExpressionOperator_Stateful_Engine<StateClass> {
+  using Base = CpxExpressionOperator_Stateful_Engine<StateClass>;
+
+ public:
+  using Base::Base;
+  using typename Base::State;
+
+  void InsureValidParameters() const override { this->InsureShape({Input::kKind}, Out::kKind); }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
     unsigned out_pos = 0, in_pos = 0;
-    CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
-    const CpxTuple* in = GetInputTupleField(ev, 0, in_pos);
-    State& state = static_cast<State&>(*ev->GetOperatorState(position));
+    CpxTuple* out = this->GetOutputTupleField(ev, 0, out_pos);
+    const CpxTuple* in = this->GetInputTupleField(ev, 0, in_pos);
+    State& state = this->GetState(ev, position);
     if (Input::Present(*in, in_pos)) {
       switch (in->GetTupleType()) {
         case Message::kPositive:
@@ -818,80 +832,51 @@ class CpxExpressionOperator_Accumulator_Engine : public CpxExpressionOperator_En
 // Each kind over an input field class In (its value type follows from In)
 // and, where the result type differs, the output field class Out (Avg and
 // Median: Float for Integer, Long and Float, else the input's type; the
-// deviations: Float, or IntervalD2S for Time and IntervalD2S).
+// deviations: Float, or IntervalD2S for Time and IntervalD2S). For kind K,
+// CpxExpressionOperatorState_Engine_Accumulator_K is its state and
+// CpxExpressionOperator_Accumulator_K_Engine its operator.
 
-template <class In>
-using CpxExpressionOperatorState_Engine_Accumulator_Sum = CpxSumState<In, false>;
-template <class In>
-using CpxExpressionOperatorState_Engine_Accumulator_SumDistinct = CpxSumState<In, true>;
-template <class In, class Out>
-using CpxExpressionOperatorState_Engine_Accumulator_Avg = CpxAvgState<In, Out, false>;
-template <class In, class Out>
-using CpxExpressionOperatorState_Engine_Accumulator_AvgDistinct = CpxAvgState<In, Out, true>;
-template <class In, class Out>
-using CpxExpressionOperatorState_Engine_Accumulator_Median = CpxMedianState<In, Out, false>;
-template <class In, class Out>
-using CpxExpressionOperatorState_Engine_Accumulator_MedianDistinct = CpxMedianState<In, Out, true>;
-template <class In, class Out>
-using CpxExpressionOperatorState_Engine_Accumulator_StandardDeviation =
-    CpxDeviationState<In, Out, CpxStandardDeviationKind>;
-template <class In, class Out>
-using CpxExpressionOperatorState_Engine_Accumulator_StandardDeviationDistinct =
-    CpxDeviationState<In, Out, CpxStandardDeviationDistinctKind>;
-template <class In, class Out>
-using CpxExpressionOperatorState_Engine_Accumulator_MeanDeviation =
-    CpxDeviationState<In, Out, CpxMeanDeviationKind>;
-template <class In, class Out>
-using CpxExpressionOperatorState_Engine_Accumulator_MeanDeviationDistinct =
-    CpxDeviationState<In, Out, CpxMeanDeviationDistinctKind>;
-template <class In>
-using CpxExpressionOperatorState_Engine_Accumulator_Min = CpxExtremeState<In, CpxMinKind>;
-template <class In>
-using CpxExpressionOperatorState_Engine_Accumulator_MinDistinct =
-    CpxExtremeState<In, CpxMinDistinctKind>;
-template <class In>
-using CpxExpressionOperatorState_Engine_Accumulator_Max = CpxExtremeState<In, CpxMaxKind>;
-template <class In>
-using CpxExpressionOperatorState_Engine_Accumulator_MaxDistinct =
-    CpxExtremeState<In, CpxMaxDistinctKind>;
-template <class In>
-using CpxExpressionOperatorState_Engine_Accumulator_CountDistinct = CpxCountDistinctState<In>;
-template <class In>
-using CpxExpressionOperatorState_Engine_Accumulator_Last = CpxLastState<In>;
-
-// The operator of kind K over In (and Out): the executor with K's state.
-#define VX_ACCUMULATOR_KIND(Kind)                           \
-  template <class In>                                       \
-  using CpxExpressionOperator_Accumulator_##Kind##_Engine = \
-      CpxExpressionOperator_Accumulator_Engine<             \
+// A kind whose result has the input's type (Out = In) ...
+#define VX_ACCUMULATOR_KIND(Kind, ...)                                      \
+  template <class In>                                                       \
+  using CpxExpressionOperatorState_Engine_Accumulator_##Kind = __VA_ARGS__; \
+  template <class In>                                                       \
+  using CpxExpressionOperator_Accumulator_##Kind##_Engine =                 \
+      CpxExpressionOperator_Accumulator_Engine<                             \
           CpxAccumulatorValue<In>, In, CpxExpressionOperatorState_Engine_Accumulator_##Kind<In>>;
-#define VX_ACCUMULATOR_KIND_TO(Kind)                        \
-  template <class In, class Out>                            \
-  using CpxExpressionOperator_Accumulator_##Kind##_Engine = \
-      CpxExpressionOperator_Accumulator_Engine<             \
-          CpxAccumulatorValue<In>, Out,                     \
+// ... or the output field class Out.
+#define VX_ACCUMULATOR_KIND_TO(Kind, ...)                                   \
+  template <class In, class Out>                                            \
+  using CpxExpressionOperatorState_Engine_Accumulator_##Kind = __VA_ARGS__; \
+  template <class In, class Out>                                            \
+  using CpxExpressionOperator_Accumulator_##Kind##_Engine =                 \
+      CpxExpressionOperator_Accumulator_Engine<                             \
+          CpxAccumulatorValue<In>, Out,                                     \
           CpxExpressionOperatorState_Engine_Accumulator_##Kind<In, Out>>;
 
-VX_ACCUMULATOR_KIND(Sum)
-VX_ACCUMULATOR_KIND(SumDistinct)
-VX_ACCUMULATOR_KIND(Min)
-VX_ACCUMULATOR_KIND(MinDistinct)
-VX_ACCUMULATOR_KIND(Max)
-VX_ACCUMULATOR_KIND(MaxDistinct)
-VX_ACCUMULATOR_KIND(Last)
-VX_ACCUMULATOR_KIND_TO(Avg)
-VX_ACCUMULATOR_KIND_TO(AvgDistinct)
-VX_ACCUMULATOR_KIND_TO(Median)
-VX_ACCUMULATOR_KIND_TO(MedianDistinct)
-VX_ACCUMULATOR_KIND_TO(StandardDeviation)
-VX_ACCUMULATOR_KIND_TO(StandardDeviationDistinct)
-VX_ACCUMULATOR_KIND_TO(MeanDeviation)
-VX_ACCUMULATOR_KIND_TO(MeanDeviationDistinct)
+VX_ACCUMULATOR_KIND(Sum, CpxSumState<In, false>)
+VX_ACCUMULATOR_KIND(SumDistinct, CpxSumState<In, true>)
+VX_ACCUMULATOR_KIND(Min, CpxExtremeState<In, kCpxMin>)
+VX_ACCUMULATOR_KIND(MinDistinct, CpxExtremeState<In, kCpxMinDistinct>)
+VX_ACCUMULATOR_KIND(Max, CpxExtremeState<In, kCpxMax>)
+VX_ACCUMULATOR_KIND(MaxDistinct, CpxExtremeState<In, kCpxMaxDistinct>)
+VX_ACCUMULATOR_KIND(Last, CpxLastState<In>)
+VX_ACCUMULATOR_KIND_TO(Avg, CpxAvgState<In, Out, false>)
+VX_ACCUMULATOR_KIND_TO(AvgDistinct, CpxAvgState<In, Out, true>)
+VX_ACCUMULATOR_KIND_TO(Median, CpxMedianState<In, Out, false>)
+VX_ACCUMULATOR_KIND_TO(MedianDistinct, CpxMedianState<In, Out, true>)
+VX_ACCUMULATOR_KIND_TO(StandardDeviation, CpxDeviationState<In, Out, kCpxStandardDeviation>)
+VX_ACCUMULATOR_KIND_TO(StandardDeviationDistinct,
+                       CpxDeviationState<In, Out, kCpxStandardDeviationDistinct>)
+VX_ACCUMULATOR_KIND_TO(MeanDeviation, CpxDeviationState<In, Out, kCpxMeanDeviation>)
+VX_ACCUMULATOR_KIND_TO(MeanDeviationDistinct, CpxDeviationState<In, Out, kCpxMeanDeviationDistinct>)
 
 #undef VX_ACCUMULATOR_KIND
 #undef VX_ACCUMULATOR_KIND_TO
 
 // CountDistinct writes an Integer whatever its input.
+template <class In>
+using CpxExpressionOperatorState_Engine_Accumulator_CountDistinct = CpxCountDistinctState<In>;
 template <class In>
 using CpxExpressionOperator_Accumulator_CountDistinct_Engine =
     CpxExpressionOperator_Accumulator_Engine<CpxAccumulatorValue<In>, CpxTupleField_Integer,
@@ -954,37 +939,36 @@ class CpxExpressionOperatorState_Engine_Threshold final : public CpxAccumulatorS
 // out-of-range criteria (logged) and a negative row give NULL; only a
 // positive row with usable inputs moves the remembered value.
 template <class In>
-class CpxExpressionOperator_Threshold_Engine : public CpxExpressionOperator_Engine {
+class CpxExpressionOperator_Threshold_Engine
+    : public CpxExpressionOperator_Stateful_Engine<
+          CpxExpressionOperatorState_Engine_Threshold<In>> {
+  using Base =
+      CpxExpressionOperator_Stateful_Engine<CpxExpressionOperatorState_Engine_Threshold<In>>;
+
  public:
-  using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
-  using State = CpxExpressionOperatorState_Engine_Threshold<In>;
+  using Base::Base;
+  using typename Base::State;
 
   void InsureValidParameters() const override {
-    InsureParameterCounts(3, 1);
-    InsureInputType(0, CpxFieldKind::Integer);
-    InsureInputType(1, In::kKind);
-    InsureInputType(2, In::kKind);
-    InsureOutputType(0, CpxFieldKind::Boolean);
-    CpxExpressionOperator_Engine::InsureValidParameters();
+    this->InsureShape({CpxFieldKind::Integer, In::kKind, In::kKind}, CpxFieldKind::Boolean);
   }
-  Ptr<CpxExpressionOperatorState_Engine> CreateState() const override { return MakePtr<State>(); }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
     unsigned out_pos = 0, pos = 0;
-    CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
-    const CpxTuple* t = GetInputTupleField(ev, 0, pos);
+    CpxTuple* out = this->GetOutputTupleField(ev, 0, out_pos);
+    const CpxTuple* t = this->GetInputTupleField(ev, 0, pos);
     if (!t->HasFieldValue(pos)) return out->ClearFieldValue(out_pos);
     const int32_t criteria = CpxTupleField_Integer::GetValue(t, pos);
     if (criteria < State::kUp || criteria > State::kAny) {
-      CpxLogInvalidThresholdCriteria(GetName(), criteria);
+      CpxLogInvalidThresholdCriteria(this->GetName(), criteria);
       return out->ClearFieldValue(out_pos);
     }
-    const CpxTuple* value_tuple = GetInputTupleField(ev, 1, pos);
+    const CpxTuple* value_tuple = this->GetInputTupleField(ev, 1, pos);
     if (!value_tuple->HasFieldValue(pos)) return out->ClearFieldValue(out_pos);
     const typename In::ValueType value = In::GetValue(value_tuple, pos);
-    t = GetInputTupleField(ev, 2, pos);
+    t = this->GetInputTupleField(ev, 2, pos);
     if (!t->HasFieldValue(pos)) return out->ClearFieldValue(out_pos);
     const typename In::ValueType threshold = In::GetValue(t, pos);
-    State& state = static_cast<State&>(*ev->GetOperatorState(position));
+    State& state = this->GetState(ev, position);
     const int sign = value_tuple->GetTupleType();
     if (sign == Message::kNegative) return out->ClearFieldValue(out_pos);
     CpxTupleField_Boolean::SetValue(*out, out_pos, state.GetResult(value, threshold, criteria));

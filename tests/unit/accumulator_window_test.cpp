@@ -159,25 +159,18 @@ bool RefSame(T a, T b) {
   return !RefLess(a, b) && !RefLess(b, a);
 }
 
-// Integer arithmetic of the input type, wrapping.
+// Integer arithmetic of the input type, wrapping (conversions to a signed
+// type are modular); doubles as they are.
 template <class T>
 T WrapPlus(T a, T b) {
-  if constexpr (std::is_integral_v<T>) {
-    using U = std::make_unsigned_t<T>;
-    return static_cast<T>(static_cast<U>(a) + static_cast<U>(b));
-  } else {
-    return a + b;
-  }
+  return static_cast<T>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
 }
 template <class T>
 T WrapTimes(T a, T b) {
-  if constexpr (std::is_integral_v<T>) {
-    using U = std::make_unsigned_t<T>;
-    return static_cast<T>(static_cast<U>(a) * static_cast<U>(b));
-  } else {
-    return a * b;
-  }
+  return static_cast<T>(static_cast<uint64_t>(a) * static_cast<uint64_t>(b));
 }
+double WrapPlus(double a, double b) { return a + b; }
+double WrapTimes(double a, double b) { return a * b; }
 // Truncation toward zero into a 64-bit count, saturating at the limits.
 int64_t Truncate(double v) {
   if (v >= 9223372036854775808.0) return std::numeric_limits<int64_t>::max();
