@@ -5,6 +5,7 @@
 
 #include "cpx_expressions/cpx_expression_engine.h"
 #include "cpx_expressions/vx_expressions_build.h"
+#include "support/limits.h"
 #include "support/storage.h"
 
 namespace vx_expressions {
@@ -111,7 +112,8 @@ void Tuple::SetNull(size_t i) {
 
 void Tuple::SetText(size_t i, std::string_view text) {
   if (i >= FieldCount()) Fail("field index " + std::to_string(i) + " is out of range");
-  if (!vx::SetFieldFromText(T(m_tuple), static_cast<unsigned>(i), text))
+  // Guarded: a text past the value-size bound raises inside the engine.
+  if (!Guard([&] { return vx::SetFieldFromText(T(m_tuple), static_cast<unsigned>(i), text); }))
     Fail("'" + std::string(text) + "' is not a " + FieldType(i) + " value for field '" +
          FieldName(i) + "'");
 }
@@ -260,5 +262,21 @@ const Tuple& Stream::Output(size_t i) const {
 size_t Stream::GroupCount() const { return m_impl->context->GetGroupCount(); }
 
 const char* Version() { return vx_expressions_get_build_version_string(); }
+
+Limits GetLimits() {
+  const vx::VxLimits& in = vx::GetVxLimits();
+  return {in.max_document_depth, in.max_document_bytes, in.max_operators_per_context,
+          in.max_value_bytes, in.max_steps_per_evaluation};
+}
+
+void SetLimits(const Limits& limits) {
+  vx::VxLimits out;
+  out.max_document_depth = limits.max_document_depth;
+  out.max_document_bytes = limits.max_document_bytes;
+  out.max_operators_per_context = limits.max_operators_per_context;
+  out.max_value_bytes = limits.max_value_bytes;
+  out.max_steps_per_evaluation = limits.max_steps_per_evaluation;
+  vx::SetVxLimits(out);
+}
 
 }  // namespace vx_expressions

@@ -146,6 +146,14 @@ CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::GetOperatorSta
   return state.Get();
 }
 
+void CpxExpressionEvaluator_Engine::RaiseStepLimit(uint64_t limit, uint32_t position) {
+  // The next evaluation starts afresh rather than inside the loop.
+  m_next_operator = 0;
+  VX_RAISE(VX_SERVER_LIMIT_STEPS_EXCEEDED, m_context->GetName(), {"limit", limit},
+           {"position", position},
+           {"operator_name", m_context->GetOperatorByPos(position)->GetName()});
+}
+
 void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
                                             PtrView<const CpxTuplesList> input) {
   m_now = now;
@@ -161,9 +169,20 @@ void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
       ev->m_now = 0;
     }
   } release{this};
+  // Steps are counted from the last backward jump, so straight-line code pays
+  // nothing: a backward jump adds the operators run since the one before.
+  const uint64_t step_limit = GetVxLimits().max_steps_per_evaluation;
+  uint64_t steps = 0;
+  uint32_t run_start = p;
   while (p < count) {
     operators.GetObjectByPos(p)->Execute(this, p);
-    if (m_next_operator == p) m_next_operator = p + 1;
+    if (m_next_operator == p) {
+      m_next_operator = p + 1;
+    } else if (m_next_operator <= p && step_limit != 0) {
+      steps += p - run_start + 1;
+      run_start = m_next_operator;
+      if (steps > step_limit) RaiseStepLimit(step_limit, p);
+    }
     p = m_next_operator;
   }
   // The last row of a group has run: its records go, after everything the

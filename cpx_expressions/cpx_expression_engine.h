@@ -250,6 +250,7 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   void PrepareTuples(Ptr<CpxTuplesList_Vector>& list, CpxTupleSetKind kind);
 
  private:
+  [[noreturn]] void RaiseStepLimit(uint64_t limit, uint32_t position);
   const CpxExpressionContext_Engine* m_context;
   const CpxTupleKey_Engine* m_group_by_key = nullptr;
   CpxPersistentStorageBatch* m_batch = nullptr;

@@ -114,6 +114,7 @@ void* CpxTuple::AllocateFieldValue(unsigned p, uint32_t size) {
   s.present = true;
   s.size = size;
   if (!IsVariableSizeKind(m_td->GetFieldKind(p))) return s.fixed;
+  if (size > GetVxLimits().max_value_bytes) RaiseValueTooLarge(size);
   unsigned char* buf = Reserve(s, size);
   buf[size] = 0;
   return buf;
@@ -131,6 +132,7 @@ void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
     s.present = true;
     return;
   }
+  if (size > GetVxLimits().max_value_bytes) RaiseValueTooLarge(size);
   // The source may live in this very buffer (a value copied onto itself).
   if (s.var && bytes >= s.var && bytes < s.var + s.capacity) {
     std::memmove(s.var, bytes, size);

@@ -25,6 +25,7 @@
 #include <string_view>
 #include <vector>
 
+#include "support/limits.h"
 #include "support/memory.h"
 #include "support/ptr.h"
 #include "support/xml_object.h"
@@ -235,6 +236,8 @@ struct CpxTupleField_Bytes {
     return {static_cast<const char*>(b), size};
   }
   static void SetValue(CpxTuple& t, unsigned p, std::string_view v) {
+    // Checked before narrowing, so that a value past 4 GiB cannot wrap.
+    if (v.size() > GetVxLimits().max_value_bytes) RaiseValueTooLarge(v.size());
     t.SetFieldValue(p, static_cast<uint32_t>(v.size()), v.data());
   }
 };

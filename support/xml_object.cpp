@@ -4,6 +4,10 @@
 #include <libxml/tree.h>
 
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "support/limits.h"
 
 namespace vx {
 
@@ -106,6 +110,9 @@ XmlReaderContext::~XmlReaderContext() {
 }
 
 std::unique_ptr<XmlReaderContext> XmlReaderContext::FromFile(const std::string& path) {
+  std::error_code ec;
+  const uintmax_t size = std::filesystem::file_size(path, ec);
+  if (!ec && size > GetVxLimits().max_document_bytes) RaiseDocumentTooLarge(path, size);
   xmlTextReaderPtr reader = xmlReaderForFile(path.c_str(), nullptr, kParseOptions);
   if (!reader) VX_RAISE(XmlObject::msg_cannot_open_file, path, {"file", path});
   std::unique_ptr<XmlReaderContext> ctx(new XmlReaderContext(reader, path, {}));
@@ -113,6 +120,7 @@ std::unique_ptr<XmlReaderContext> XmlReaderContext::FromFile(const std::string& 
 }
 
 std::unique_ptr<XmlReaderContext> XmlReaderContext::FromMemory(std::string text, std::string name) {
+  if (text.size() > GetVxLimits().max_document_bytes) RaiseDocumentTooLarge(name, text.size());
   std::unique_ptr<XmlReaderContext> ctx(new XmlReaderContext(nullptr, std::move(name), std::move(text)));
   ctx->m_reader = xmlReaderForMemory(ctx->m_buffer.data(), static_cast<int>(ctx->m_buffer.size()),
                                      nullptr, nullptr, kParseOptions);
@@ -146,14 +154,25 @@ void XmlReaderContext::RaiseParseError() const {
            {"error", error});
 }
 
+void XmlReaderContext::CheckDepth() const {
+  const uint32_t limit = GetVxLimits().max_document_depth;
+  const int depth = xmlTextReaderDepth(m_reader);
+  if (depth >= 0 && static_cast<uint32_t>(depth) >= limit) {
+    VX_RAISE(VX_SERVER_LIMIT_DOCUMENT_TOO_DEEP, m_file, {"limit", limit}, {"line", GetLine()},
+             {"file", m_file});
+  }
+}
+
 void XmlReaderContext::Next() {
   int rc = xmlTextReaderRead(m_reader);
   if (rc < 0 || !m_error.empty()) RaiseParseError();
+  CheckDepth();
 }
 
 void XmlReaderContext::Skip() {
   int rc = xmlTextReaderNext(m_reader);
   if (rc < 0 || !m_error.empty()) RaiseParseError();
+  CheckDepth();
 }
 
 bool XmlReaderContext::MoveToContent() {
@@ -172,6 +191,7 @@ bool XmlReaderContext::MoveToContent() {
     int rc = xmlTextReaderRead(m_reader);
     if (rc < 0 || !m_error.empty()) RaiseParseError();
     if (rc == 0) return false;
+    CheckDepth();
   }
 }
 

@@ -102,6 +102,8 @@ class XmlReaderContext {
  private:
   XmlReaderContext(xmlTextReaderPtr reader, std::string file, std::string buffer);
   [[noreturn]] void RaiseParseError() const;
+  // Raises when the current node nests deeper than the document-depth bound.
+  void CheckDepth() const;
   static void OnError(void* self, xmlErrorPtr error);
 
   xmlTextReaderPtr m_reader = nullptr;

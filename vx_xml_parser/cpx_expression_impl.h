@@ -307,6 +307,11 @@ void CpxTupleKey<Types>::DoWriteContent(XmlWriterContext& writer) const {
 template <class Types>
 void CpxExpressionContext<Types>::AddOperator(Ptr<Operator> op) {
   unsigned pos = m_operators.GetSize();
+  const uint32_t limit = GetVxLimits().max_operators_per_context;
+  if (pos >= limit) {
+    VX_RAISE(VX_SERVER_LIMIT_TOO_MANY_OPERATORS, GetName(), {"limit", limit},
+             {"operator_name", op ? op->GetName() : std::string()});
+  }
   const Operator* raw = op.Get();
   m_operators.Add(std::move(op));
   m_operator_pos[raw] = pos;

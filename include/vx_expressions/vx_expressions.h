@@ -129,4 +129,16 @@ class Stream {
 // The library's version, e.g. "0.1.0".
 const char* Version();
 
+// Process-wide resource bounds (see docs/limits.md). Set them once, before
+// streams are created; each bound that is crossed throws Error naming it.
+struct Limits {
+  uint32_t max_document_depth = 128;            // element nesting on load
+  uint64_t max_document_bytes = 64ull << 20;     // context document size
+  uint32_t max_operators_per_context = 100000;   // operators in one context
+  uint32_t max_value_bytes = 64u << 20;          // one string, blob or XML value
+  uint64_t max_steps_per_evaluation = 0;         // operators per row; 0 = no limit
+};
+Limits GetLimits();
+void SetLimits(const Limits& limits);
+
 }  // namespace vx_expressions

@@ -90,6 +90,34 @@ TEST(PublicApi, ErrorsNameTheirCause) {
   EXPECT_THROW(Stream::OpenString(kContext, "api.xml", grouped), Error);
 }
 
+TEST(PublicApi, LimitsMatchTheEngineAndAreEnforced) {
+  const vx_expressions::Limits defaults;
+  const vx_expressions::Limits in_force = vx_expressions::GetLimits();
+  EXPECT_EQ(in_force.max_document_depth, defaults.max_document_depth);
+  EXPECT_EQ(in_force.max_document_bytes, defaults.max_document_bytes);
+  EXPECT_EQ(in_force.max_operators_per_context, defaults.max_operators_per_context);
+  EXPECT_EQ(in_force.max_value_bytes, defaults.max_value_bytes);
+  EXPECT_EQ(in_force.max_steps_per_evaluation, defaults.max_steps_per_evaluation);
+
+  vx_expressions::Limits tight = defaults;
+  tight.max_operators_per_context = 3;
+  vx_expressions::SetLimits(tight);
+  try {
+    Stream::OpenString(kContext, "api.xml");
+    ADD_FAILURE() << "a context over the operator bound loaded";
+  } catch (const Error& e) {
+    EXPECT_NE(std::string(e.what()).find("VX_SERVER_LIMIT_TOO_MANY_OPERATORS"), std::string::npos)
+        << e.what();
+  }
+  tight.max_operators_per_context = 4;
+  tight.max_value_bytes = 3;
+  vx_expressions::SetLimits(tight);
+  auto s = Stream::OpenString(kContext, "api.xml");
+  EXPECT_EQ(Push(*s, "abc", 1), "1/NULL");
+  EXPECT_THROW(Push(*s, "abcd", 1), Error);
+  vx_expressions::SetLimits(defaults);
+}
+
 TEST(PublicApi, StateFolderCarriesGroupsToTheNextStream) {
   const std::string dir = (std::filesystem::temp_directory_path() /
                            ("vx_api_state_" + std::to_string(::getpid())))

@@ -12,6 +12,7 @@
 #include "cpx_expressions/cpx_expression_test_suite.h"
 #include "cpx_expressions/cpx_operator_registry.h"
 #include "cpx_expressions/vx_expressions_build.h"
+#include "support/limits.h"
 #include "tools/cpxrun/run_command.h"
 
 namespace {
@@ -95,6 +96,30 @@ int main(int argc, char** argv) {
   CLI::App app{"cpxrun: runs expression contexts and their test suites"};
   app.set_version_flag("--version", vx_expressions_get_full_build_version_string());
   app.require_subcommand(1);
+  // The bounds may be given before or after the subcommand.
+  app.fallthrough();
+  vx::VxLimits limits;
+  const char* group = "Limits (see docs/limits.md)";
+  app.add_option("--max-steps", limits.max_steps_per_evaluation,
+                 "Operators one evaluation may run before it stops with an error (0: no limit)")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("--max-value-bytes", limits.max_value_bytes,
+                 "Largest string, blob or XML value a tuple may hold")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("--max-operators", limits.max_operators_per_context,
+                 "Most operators one expression context may have")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("--max-document-bytes", limits.max_document_bytes,
+                 "Largest context, suite or row document that is read")
+      ->capture_default_str()
+      ->group(group);
+  app.add_option("--max-document-depth", limits.max_document_depth,
+                 "Deepest element nesting of a context, suite or row document")
+      ->capture_default_str()
+      ->group(group);
 
   TestOptions test;
   CLI::App* test_cmd = app.add_subcommand("test", "Run XML test suites; prints 'N passed, M failed'");
@@ -128,6 +153,7 @@ int main(int argc, char** argv) {
                           "Print the operator reference (docs/operators.md) instead");
 
   CLI11_PARSE(app, argc, argv);
+  vx::SetVxLimits(limits);
   try {
     if (*test_cmd) return RunTests(test);
     if (*run_cmd) {
