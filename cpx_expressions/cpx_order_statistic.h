@@ -295,8 +295,9 @@ class CpxOrderStatisticTree {
     InsertChild(path, depth, right, WeightOf(r), Low(r));
   }
   // Gives the node just split (the child below path[depth - 1], or the root
-  // when depth is 0) its new right neighbour `child`.
-  void InsertChild(Step* path, uint32_t depth, uint32_t child, uint64_t weight, const T& low) {
+  // when depth is 0) its new right neighbour `child`. `low` is taken by value:
+  // it comes from a node, and a new root may move the node pool.
+  void InsertChild(Step* path, uint32_t depth, uint32_t child, uint64_t weight, T low) {
     if (depth == 0) {
       const uint32_t root = NewInner();
       Inner& r = m_inners[root];
