@@ -187,7 +187,17 @@ CpxExpressionContext_TestSuite::~CpxExpressionContext_TestSuite() {
 
 Ptr<CpxExpressionContext_TestSuite> CpxExpressionContext_TestSuite::LoadFromFile(
     const std::string& path) {
-  auto reader = XmlReaderContext::FromFile(path);
+  return Load(*XmlReaderContext::FromFile(path));
+}
+
+Ptr<CpxExpressionContext_TestSuite> CpxExpressionContext_TestSuite::LoadFromString(
+    std::string text, const std::string& document_name) {
+  return Load(*XmlReaderContext::FromMemory(std::move(text), document_name));
+}
+
+Ptr<CpxExpressionContext_TestSuite> CpxExpressionContext_TestSuite::Load(
+    XmlReaderContext& document) {
+  XmlReaderContext* reader = &document;
   Ptr<CpxExpressionContext_TestSuite> suite(new CpxExpressionContext_TestSuite());
   try {
     suite->XmlRead(*reader);

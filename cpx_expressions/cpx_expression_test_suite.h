@@ -123,6 +123,9 @@ class CpxExpressionContext_TestSuite : public XmlNamedObject,
   const char* GetXmlElementName() const override { return "TestSuite"; }
   // Reads a suite file; load errors carry the file and line.
   static Ptr<CpxExpressionContext_TestSuite> LoadFromFile(const std::string& path);
+  // Reads a suite from text; `document_name` stands for the file in errors.
+  static Ptr<CpxExpressionContext_TestSuite> LoadFromString(std::string text,
+                                                            const std::string& document_name);
 
   // Runs every test. `reload` writes the context to XML and reads it back
   // first (as a test's ReloadContext does); `persistence` asks for the
@@ -142,6 +145,7 @@ class CpxExpressionContext_TestSuite : public XmlNamedObject,
   const CpxTupleDescriptor* FindDescriptor(CpxTupleSetKind kind, const std::string& name) const;
 
  protected:
+  static Ptr<CpxExpressionContext_TestSuite> Load(XmlReaderContext& reader);
   bool IsNameRequired() const override { return false; }
   void DoReadAttributes(XmlReaderContext& reader) override;
   void DoReadContent(XmlReaderContext& reader) override;
