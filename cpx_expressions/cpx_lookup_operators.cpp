@@ -25,7 +25,7 @@ const CpxExpressionContextParent_Engine* ParentOf(const CpxExpressionOperator_En
   return context ? context->GetParent() : nullptr;
 }
 
-// The value of text input `i`; false when it is NULL.
+// The value of a text field; false when it is NULL.
 bool ReadText(const CpxTuple* t, unsigned pos, std::string_view& text) {
   if (!t->HasFieldValue(pos)) return false;
   text = CpxTupleField_String::GetView(t, pos);
@@ -135,11 +135,13 @@ class CpxExpressionOperator_GetColumnByName_Engine : public CpxExpressionOperato
   }
 
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
-    unsigned pos = 0, out_pos = 0;
+    unsigned storage_pos = 0, column_pos = 0, pos = 0, out_pos = 0;
     CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
+    const CpxTuple* storage_tuple = GetInputTupleField(ev, 0, storage_pos);
+    const CpxTuple* column_tuple = GetInputTupleField(ev, 1, column_pos);
     std::string_view storage_name, column_name;
-    if (!ReadText(GetInputTupleField(ev, 0, pos), pos, storage_name) ||
-        !ReadText(GetInputTupleField(ev, 1, pos), pos, column_name))
+    if (!ReadText(storage_tuple, storage_pos, storage_name) ||
+        !ReadText(column_tuple, column_pos, column_name))
       return out->ClearFieldValue(out_pos);
     int32_t row = -1;
     if (GetInputParameters().size() == 3) {
@@ -231,8 +233,9 @@ class CpxExpressionOperator_GetPreference_Engine : public CpxExpressionOperator_
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
     unsigned pos = 0, out_pos = 0;
     CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
+    const CpxTuple* name_tuple = GetInputTupleField(ev, 0, pos);
     std::string_view name;
-    if (!ReadText(GetInputTupleField(ev, 0, pos), pos, name)) return out->ClearFieldValue(out_pos);
+    if (!ReadText(name_tuple, pos, name)) return out->ClearFieldValue(out_pos);
     const CpxExpressionContextParent_Engine* parent = ParentOf(*this);
     const CpxExpressionAuthenticationToken* token =
         parent ? parent->GetExpressionAuthenticationToken() : nullptr;
