@@ -12,8 +12,9 @@
 // use.
 //
 // Lifetimes: a storage, sequence storage or token handed out by a parent must
-// live as long as the contexts that use it; operators keep pointers to
-// storages between rows.
+// live as long as the contexts that use it, and a storage name must keep
+// naming the same storage object (whose rows may change): operators keep
+// pointers to storages between rows.
 //
 // Threads: several evaluators may call one parent's objects at once from
 // different threads. Tuple storages and tokens are only read by the engine;

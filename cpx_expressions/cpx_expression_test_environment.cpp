@@ -5,12 +5,27 @@ namespace vx {
 namespace {
 
 // Moves into a list element; false when the list is absent or empty (the
-// reader is then past an empty one).
-bool EnterList(XmlReaderContext& reader, const char* name) {
-  if (!reader.MoveToContent() || !reader.IsStartElement(name)) return false;
+// reader is then past an empty one). `present` tells whether it was there.
+bool EnterList(XmlReaderContext& reader, const char* name, bool& present) {
+  present = reader.MoveToContent() && reader.IsStartElement(name);
+  if (!present) return false;
   const bool empty = reader.IsEmptyElement();
   reader.Next();
   return !empty;
+}
+
+// The "Name" of the element at the reader; raises the duplicate-object error
+// when an item of `taken` already has it.
+template <class Items>
+std::string ReadUniqueName(XmlReaderContext& reader, const Items& taken) {
+  std::string name = reader.GetRequiredAttribute("Name");
+  for (const auto& item : taken) {
+    if (item.name == name) {
+      VX_RAISE(XmlObject::msg_duplicate_object, name, {"name", name}, {"line", reader.GetLine()},
+               {"file", reader.GetFileName()});
+    }
+  }
+  return name;
 }
 
 int64_t ReadLongAttribute(XmlReaderContext& reader, const char* name, int64_t fallback,
@@ -34,17 +49,10 @@ void CpxExpressionTestEnvironment::ReadXml(XmlReaderContext& reader) {
 }
 
 void CpxExpressionTestEnvironment::ReadStorages(XmlReaderContext& reader) {
-  if (reader.MoveToContent() && reader.IsStartElement("TuplesStorages")) m_has_storages = true;
-  if (!EnterList(reader, "TuplesStorages")) return;
+  if (!EnterList(reader, "TuplesStorages", m_has_storages)) return;
   while (reader.MoveToContent() && reader.IsStartElement("TuplesStorage")) {
     Storage storage;
-    storage.name = reader.GetRequiredAttribute("Name");
-    for (const Storage& s : m_storages) {
-      if (s.name == storage.name) {
-        VX_RAISE(XmlObject::msg_duplicate_object, storage.name, {"name", storage.name},
-                 {"line", reader.GetLine()}, {"file", reader.GetFileName()});
-      }
-    }
+    storage.name = ReadUniqueName(reader, m_storages);
     const bool empty = reader.IsEmptyElement();
     reader.Next();
     if (empty) reader.RaiseUnexpected("a TupleDescriptor inside TuplesStorage");
@@ -63,17 +71,10 @@ void CpxExpressionTestEnvironment::ReadStorages(XmlReaderContext& reader) {
 }
 
 void CpxExpressionTestEnvironment::ReadSequences(XmlReaderContext& reader) {
-  if (reader.MoveToContent() && reader.IsStartElement("Sequences")) m_has_sequences = true;
-  if (!EnterList(reader, "Sequences")) return;
+  if (!EnterList(reader, "Sequences", m_has_sequences)) return;
   while (reader.MoveToContent() && reader.IsStartElement("Sequence")) {
     SequenceDeclaration d;
-    d.name = reader.GetRequiredAttribute("Name");
-    for (const SequenceDeclaration& s : m_declarations) {
-      if (s.name == d.name) {
-        VX_RAISE(XmlObject::msg_duplicate_object, d.name, {"name", d.name},
-                 {"line", reader.GetLine()}, {"file", reader.GetFileName()});
-      }
-    }
+    d.name = ReadUniqueName(reader, m_declarations);
     d.start = ReadLongAttribute(reader, "Start", 1);
     d.increment = ReadLongAttribute(reader, "Increment", 1, false);
     reader.Skip();
@@ -87,7 +88,8 @@ void CpxExpressionTestEnvironment::ReadToken(XmlReaderContext& reader) {
   if (!reader.MoveToContent() || !reader.IsStartElement("AuthenticationToken")) return;
   m_token = std::make_unique<CpxExpressionAuthenticationToken_Simple>(
       reader.GetRequiredAttribute("UserName"));
-  if (!EnterList(reader, "AuthenticationToken")) return;
+  bool present = false;
+  if (!EnterList(reader, "AuthenticationToken", present)) return;
   while (reader.MoveToContent() && reader.IsStartElement()) {
     if (reader.IsStartElement("Group")) {
       m_token->AddGroup(reader.GetRequiredAttribute("Name"));

@@ -91,20 +91,32 @@ class CpxExpressionOperator_NextVal_Engine final : public CpxExpressionOperator_
 // column's name and, optionally, the row: 1 the oldest, 2 the next, ...; -1
 // the newest, -2 the one before; without it the newest row. The column must
 // have the operator's type.
-template <class Field>
-class CpxExpressionOperator_GetColumnByName_Engine : public CpxExpressionOperator_Engine {
-  // The storage and column resolved for the names seen last, so that a row
-  // with the same names (constants, usually) looks nothing up. Never saved.
-  class CpxExpressionOperatorState_Engine_ColumnByName final
-      : public CpxExpressionOperatorState_Engine {
-   public:
-    std::string storage_name;
-    std::string column_name;
-    const CpxTuplesStorage* storage = nullptr;
-    unsigned column = 0;
-  };
-  using State = CpxExpressionOperatorState_Engine_ColumnByName;
+// The storage and column resolved for the names seen last, so that a row
+// with the same names (constants, usually) looks nothing up. Never saved.
+class CpxExpressionOperatorState_Engine_ColumnByName final
+    : public CpxExpressionOperatorState_Engine {
+ public:
+  std::string storage_name;
+  std::string column_name;
+  const CpxTuplesStorage* storage = nullptr;
+  unsigned column = 0;
+};
 
+// The preference text read last and its value, so that an unchanged
+// preference is not parsed again. Never saved.
+class CpxExpressionOperatorState_Engine_Preference final
+    : public CpxExpressionOperatorState_Engine {
+ public:
+  std::string text;
+  std::string parsed_text;
+  std::optional<std::string> value;
+  bool parsed = false;
+};
+
+// Base of the operators that keep a cache `State` per evaluator and take a
+// name first, then further inputs of which the last is optional.
+template <class State>
+class CpxExpressionOperator_NamedLookup_Engine : public CpxExpressionOperator_Engine {
  public:
   using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
 
@@ -112,18 +124,44 @@ class CpxExpressionOperator_GetColumnByName_Engine : public CpxExpressionOperato
     return MakePtr<State>();
   }
 
-  void InsureValidParameters() const override {
+ protected:
+  // `min` or `min` + 1 inputs, the first a string; one output of `out`.
+  void InsureNamedShape(size_t min, CpxFieldKind out, const char* expected) const {
     CpxExpressionOperator_Engine::InsureValidParameters();
     const size_t n = GetInputParameters().size();
-    if (n < 2 || n > 3) {
-      SetLastError("expected the storage name, the column name and optionally the row");
+    if (n < min || n > min + 1) {
+      SetLastError(expected);
       VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
     }
     InsureParameterCounts(-1, 1);
     InsureInputType(0, CpxFieldKind::String);
+    InsureOutputType(0, out);
+  }
+  static State& GetState(CpxExpressionEvaluator_Engine* ev, unsigned position) {
+    return static_cast<State&>(*ev->GetOperatorState(position));
+  }
+};
+
+// ---- GetColumnByName ----
+
+// A column of a row of a named tuple storage. Inputs: the storage's name, the
+// column's name and, optionally, the row: 1 the oldest, 2 the next, ...; -1
+// the newest, -2 the one before; without it the newest row. The column must
+// have the operator's type.
+template <class Field>
+class CpxExpressionOperator_GetColumnByName_Engine
+    : public CpxExpressionOperator_NamedLookup_Engine<CpxExpressionOperatorState_Engine_ColumnByName> {
+  using State = CpxExpressionOperatorState_Engine_ColumnByName;
+
+ public:
+  using CpxExpressionOperator_NamedLookup_Engine<State>::CpxExpressionOperator_NamedLookup_Engine;
+
+  void InsureValidParameters() const override {
+    this->InsureNamedShape(2, Field::kKind,
+                           "expected the storage name, the column name and optionally the row");
+    const size_t n = GetInputParameters().size();
     InsureInputType(1, CpxFieldKind::String);
     if (n == 3) InsureInputType(2, CpxFieldKind::Integer);
-    InsureOutputType(0, Field::kKind);
     // Constant names are checked now against a storage the parent already
     // has; a storage that appears later is checked when it is first read.
     const std::optional<std::string> storage_name = ConstantText(*GetInputParameters()[0]);
@@ -149,7 +187,7 @@ class CpxExpressionOperator_GetColumnByName_Engine : public CpxExpressionOperato
       if (!t->HasFieldValue(pos)) return out->ClearFieldValue(out_pos);
       row = CpxTupleField_Integer::GetValue(t, pos);
     }
-    auto& state = static_cast<State&>(*ev->GetOperatorState(position));
+    State& state = this->GetState(ev, position);
     if (!state.storage || state.storage_name != storage_name || state.column_name != column_name)
       Resolve(state, storage_name, column_name);
     const int64_t size = state.storage->GetSize();
@@ -197,37 +235,17 @@ class CpxExpressionOperator_GetColumnByName_Engine : public CpxExpressionOperato
 // a user without that preference (or without a token, or whose text does
 // not read as the type).
 template <class Field>
-class CpxExpressionOperator_GetPreference_Engine : public CpxExpressionOperator_Engine {
-  // The text read last and its value, so that an unchanged preference is
-  // not parsed again. Never saved.
-  class CpxExpressionOperatorState_Engine_Preference final
-      : public CpxExpressionOperatorState_Engine {
-   public:
-    std::string text;
-    std::string parsed_text;
-    std::optional<std::string> value;
-    bool parsed = false;
-  };
+class CpxExpressionOperator_GetPreference_Engine
+    : public CpxExpressionOperator_NamedLookup_Engine<CpxExpressionOperatorState_Engine_Preference> {
   using State = CpxExpressionOperatorState_Engine_Preference;
 
  public:
-  using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
-
-  Ptr<CpxExpressionOperatorState_Engine> CreateState() const override {
-    return MakePtr<State>();
-  }
+  using CpxExpressionOperator_NamedLookup_Engine<State>::CpxExpressionOperator_NamedLookup_Engine;
 
   void InsureValidParameters() const override {
-    CpxExpressionOperator_Engine::InsureValidParameters();
-    const size_t n = GetInputParameters().size();
-    if (n < 1 || n > 2) {
-      SetLastError("expected the preference's name and optionally a default value");
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
-    }
-    InsureParameterCounts(-1, 1);
-    InsureInputType(0, CpxFieldKind::String);
-    if (n == 2) InsureInputType(1, Field::kKind);
-    InsureOutputType(0, Field::kKind);
+    this->InsureNamedShape(1, Field::kKind,
+                           "expected the preference's name and optionally a default value");
+    if (GetInputParameters().size() == 2) InsureInputType(1, Field::kKind);
   }
 
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
@@ -239,7 +257,7 @@ class CpxExpressionOperator_GetPreference_Engine : public CpxExpressionOperator_
     const CpxExpressionContextParent_Engine* parent = ParentOf(*this);
     const CpxExpressionAuthenticationToken* token =
         parent ? parent->GetExpressionAuthenticationToken() : nullptr;
-    auto& state = static_cast<State&>(*ev->GetOperatorState(position));
+    State& state = this->GetState(ev, position);
     if (token && token->FindPreference(name, state.text)) {
       if (!state.parsed || state.parsed_text != state.text) {
         state.value = ValueBytesFromText(Field::kKind, state.text);

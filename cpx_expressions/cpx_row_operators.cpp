@@ -2,6 +2,7 @@
 // (First, Last, GetFirstTimestamp, GetLastTimestamp), copying a row's values
 // into another tuple by field name (CopyByRef) and comparing two rows
 // (IsEqualTuples).
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -10,6 +11,7 @@
 #include <xxhash.h>
 
 #include "cpx_expressions/cpx_accumulators.h"
+#include "cpx_expressions/cpx_expression_operators.h"
 #include "cpx_expressions/cpx_operator_registry.h"
 #include "cpx_expressions/cpx_operators.h"
 
@@ -180,22 +182,14 @@ class CpxExpressionOperator_LiveRow_Base : public CpxExpressionOperator_Engine {
 
 // ---- First, Last, GetFirstTimestamp, GetLastTimestamp ----
 
-class CpxExpressionOperator_First_Engine final
-    : public CpxExpressionOperator_LiveRow_Base<LiveEnd::kFirst, false> {
-  VX_OPERATOR_TYPE(CpxExpressionOperator_LiveRow_Base, First)
-};
-class CpxExpressionOperator_Last_Engine final
-    : public CpxExpressionOperator_LiveRow_Base<LiveEnd::kLast, false> {
-  VX_OPERATOR_TYPE(CpxExpressionOperator_LiveRow_Base, Last)
-};
-class CpxExpressionOperator_GetFirstTimestamp_Engine final
-    : public CpxExpressionOperator_LiveRow_Base<LiveEnd::kFirst, true> {
-  VX_OPERATOR_TYPE(CpxExpressionOperator_LiveRow_Base, GetFirstTimestamp)
-};
-class CpxExpressionOperator_GetLastTimestamp_Engine final
-    : public CpxExpressionOperator_LiveRow_Base<LiveEnd::kLast, true> {
-  VX_OPERATOR_TYPE(CpxExpressionOperator_LiveRow_Base, GetLastTimestamp)
-};
+VX_DEFINE_OPERATOR(CpxExpressionOperator_First_Engine, First,
+                   CpxExpressionOperator_LiveRow_Base<LiveEnd::kFirst, false>);
+VX_DEFINE_OPERATOR(CpxExpressionOperator_Last_Engine, Last,
+                   CpxExpressionOperator_LiveRow_Base<LiveEnd::kLast, false>);
+VX_DEFINE_OPERATOR(CpxExpressionOperator_GetFirstTimestamp_Engine, GetFirstTimestamp,
+                   CpxExpressionOperator_LiveRow_Base<LiveEnd::kFirst, true>);
+VX_DEFINE_OPERATOR(CpxExpressionOperator_GetLastTimestamp_Engine, GetLastTimestamp,
+                   CpxExpressionOperator_LiveRow_Base<LiveEnd::kLast, true>);
 
 namespace {
 

@@ -164,7 +164,8 @@ class Environment {
   // business (StreamOptions::sequences commit with the stream's state).
   virtual std::optional<int64_t> NextValue(std::string_view name);
   // The table called `name`, or null. A table must outlive the streams that
-  // read it.
+  // read it, and a name must keep naming the same table (its rows may
+  // change): streams remember the table a name gave them.
   virtual const Table* FindTable(std::string_view name) const;
   // The user the stream runs as, or null for none; the object must stay
   // valid until the next call.
