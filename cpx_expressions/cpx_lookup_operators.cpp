@@ -39,6 +39,39 @@ std::optional<std::string> ConstantText(const CpxTupleFieldRef_Engine& ref) {
   return ref.GetDescriptor().GetTupleFieldObject(ref.GetFieldPos())->GetDefaultText();
 }
 
+const CpxExpressionAuthenticationToken* TokenOf(const CpxExpressionOperator_Engine& op) {
+  const CpxExpressionContextParent_Engine* parent = ParentOf(op);
+  return parent ? parent->GetExpressionAuthenticationToken() : nullptr;
+}
+
+// Base of the operators with one input, a name (string), and one output of
+// kind Out.
+template <CpxFieldKind Out>
+class CpxExpressionOperator_ByName_Engine : public CpxExpressionOperator_Engine {
+ public:
+  using CpxExpressionOperator_Engine::CpxExpressionOperator_Engine;
+
+  void InsureValidParameters() const override {
+    CpxExpressionOperator_Engine::InsureValidParameters();
+    InsureParameterCounts(1, 1);
+    InsureInputType(0, CpxFieldKind::String);
+    InsureOutputType(0, Out);
+  }
+
+ protected:
+  // Resolves the output and reads the name; false, with the output made
+  // NULL, when the name is NULL.
+  bool ReadName(CpxExpressionEvaluator_Engine* ev, std::string_view& name, CpxTuple*& out,
+                unsigned& out_pos) const {
+    unsigned in_pos = 0;
+    const CpxTuple* in = GetInputTupleField(ev, 0, in_pos);
+    out = GetOutputTupleField(ev, 0, out_pos);
+    if (ReadText(in, in_pos, name)) return true;
+    out->ClearFieldValue(out_pos);
+    return false;
+  }
+};
+
 void CopyValue(const CpxTuple& from, unsigned from_pos, CpxTuple& to, unsigned to_pos) {
   uint32_t size = 0;
   const void* value = from.GetFieldValue(from_pos, size);
@@ -55,22 +88,16 @@ void CopyValue(const CpxTuple& from, unsigned from_pos, CpxTuple& to, unsigned t
 
 // The next value of the sequence named by the input. Every execution draws a
 // value, a negative row's as well; a NULL name draws nothing.
-class CpxExpressionOperator_NextVal_Engine final : public CpxExpressionOperator_Engine {
-  VX_OPERATOR_TYPE(CpxExpressionOperator_Engine, NextVal)
+class CpxExpressionOperator_NextVal_Engine final
+    : public CpxExpressionOperator_ByName_Engine<CpxFieldKind::Long> {
+  VX_OPERATOR_TYPE(CpxExpressionOperator_ByName_Engine, NextVal)
 
  public:
-  void InsureValidParameters() const override {
-    CpxExpressionOperator_Engine::InsureValidParameters();
-    InsureParameterCounts(1, 1);
-    InsureInputType(0, CpxFieldKind::String);
-    InsureOutputType(0, CpxFieldKind::Long);
-  }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    unsigned in_pos = 0, out_pos = 0;
-    const CpxTuple* in = GetInputTupleField(ev, 0, in_pos);
-    CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
     std::string_view name;
-    if (!ReadText(in, in_pos, name)) return out->ClearFieldValue(out_pos);
+    CpxTuple* out = nullptr;
+    unsigned out_pos = 0;
+    if (!ReadName(ev, name, out, out_pos)) return;
     const CpxExpressionContextParent_Engine* parent = ParentOf(*this);
     CpxNextvalStorage* storage = parent ? parent->GetNextvalStorage() : nullptr;
     if (!storage) {
@@ -254,9 +281,7 @@ class CpxExpressionOperator_GetPreference_Engine
     const CpxTuple* name_tuple = GetInputTupleField(ev, 0, pos);
     std::string_view name;
     if (!ReadText(name_tuple, pos, name)) return out->ClearFieldValue(out_pos);
-    const CpxExpressionContextParent_Engine* parent = ParentOf(*this);
-    const CpxExpressionAuthenticationToken* token =
-        parent ? parent->GetExpressionAuthenticationToken() : nullptr;
+    const CpxExpressionAuthenticationToken* token = TokenOf(*this);
     State& state = this->GetState(ev, position);
     if (token && token->FindPreference(name, state.text)) {
       if (!state.parsed || state.parsed_text != state.text) {
@@ -288,9 +313,7 @@ class CpxExpressionOperator_GetCurrentUserName_Engine final : public CpxExpressi
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
     unsigned out_pos = 0;
     CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
-    const CpxExpressionContextParent_Engine* parent = ParentOf(*this);
-    const CpxExpressionAuthenticationToken* token =
-        parent ? parent->GetExpressionAuthenticationToken() : nullptr;
+    const CpxExpressionAuthenticationToken* token = TokenOf(*this);
     if (!token) return out->ClearFieldValue(out_pos);
     CpxTupleField_String::SetValue(*out, out_pos, token->GetUserName());
   }
@@ -301,25 +324,16 @@ class CpxExpressionOperator_GetCurrentUserName_Engine final : public CpxExpressi
 // Whether the current user belongs to the group named by the input. Without
 // a user the answer is false: nobody is in no group.
 class CpxExpressionOperator_IsCurrentUserInGroup_Engine final
-    : public CpxExpressionOperator_Engine {
-  VX_OPERATOR_TYPE(CpxExpressionOperator_Engine, IsCurrentUserInGroup)
+    : public CpxExpressionOperator_ByName_Engine<CpxFieldKind::Boolean> {
+  VX_OPERATOR_TYPE(CpxExpressionOperator_ByName_Engine, IsCurrentUserInGroup)
 
  public:
-  void InsureValidParameters() const override {
-    CpxExpressionOperator_Engine::InsureValidParameters();
-    InsureParameterCounts(1, 1);
-    InsureInputType(0, CpxFieldKind::String);
-    InsureOutputType(0, CpxFieldKind::Boolean);
-  }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    unsigned in_pos = 0, out_pos = 0;
-    const CpxTuple* in = GetInputTupleField(ev, 0, in_pos);
-    CpxTuple* out = GetOutputTupleField(ev, 0, out_pos);
     std::string_view group;
-    if (!ReadText(in, in_pos, group)) return out->ClearFieldValue(out_pos);
-    const CpxExpressionContextParent_Engine* parent = ParentOf(*this);
-    const CpxExpressionAuthenticationToken* token =
-        parent ? parent->GetExpressionAuthenticationToken() : nullptr;
+    CpxTuple* out = nullptr;
+    unsigned out_pos = 0;
+    if (!ReadName(ev, group, out, out_pos)) return;
+    const CpxExpressionAuthenticationToken* token = TokenOf(*this);
     CpxTupleField_Boolean::SetValue(*out, out_pos, token && token->IsMemberOf(group));
   }
 };

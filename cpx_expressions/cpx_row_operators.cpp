@@ -271,14 +271,20 @@ class CpxExpressionOperator_IsEqualTuples_Engine final : public CpxExpressionOpe
     InsureOutputType(0, CpxFieldKind::Boolean);
     const CpxTupleDescriptor& a = GetInputParameters()[0]->GetDescriptor();
     const CpxTupleDescriptor& b = GetInputParameters()[1]->GetDescriptor();
-    FieldPairs pairs;
-    for (unsigned i = 0; i < a.GetFieldCount(); ++i) {
+    // The position in `to` of the field named like field `i` of `from`.
+    auto namesake = [this](const CpxTupleDescriptor& from, unsigned i,
+                           const CpxTupleDescriptor& to) {
       unsigned j = 0;
-      if (!b.FindFieldPos(a.GetFieldNameByPos(i), j)) {
+      if (!to.FindFieldPos(from.GetFieldNameByPos(i), j)) {
         VX_RAISE(VX_SERVER_EXPRESSION_CANT_FIND_FIELD, GetName(),
-                 {"field_ref", a.GetFieldNameByPos(i)}, {"tuple_ref", b.GetName()},
+                 {"field_ref", from.GetFieldNameByPos(i)}, {"tuple_ref", to.GetName()},
                  {"operation", GetName()});
       }
+      return j;
+    };
+    FieldPairs pairs;
+    for (unsigned i = 0; i < a.GetFieldCount(); ++i) {
+      const unsigned j = namesake(a, i, b);
       if (a.GetFieldKind(i) != b.GetFieldKind(j)) {
         VX_RAISE(VX_SERVER_EXPRESSION_INCORRECT_FIELD_TYPE_FOUND, GetName(),
                  {"operation", GetName()},
@@ -287,17 +293,7 @@ class CpxExpressionOperator_IsEqualTuples_Engine final : public CpxExpressionOpe
       }
       pairs.emplace_back(i, j);
     }
-    if (a.GetFieldCount() != b.GetFieldCount()) {
-      // Every field of the first has a namesake, so the second has more.
-      for (unsigned j = 0; j < b.GetFieldCount(); ++j) {
-        unsigned i = 0;
-        if (!a.FindFieldPos(b.GetFieldNameByPos(j), i)) {
-          VX_RAISE(VX_SERVER_EXPRESSION_CANT_FIND_FIELD, GetName(),
-                   {"field_ref", b.GetFieldNameByPos(j)}, {"tuple_ref", a.GetName()},
-                   {"operation", GetName()});
-        }
-      }
-    }
+    for (unsigned j = 0; j < b.GetFieldCount(); ++j) namesake(b, j, a);
     m_pairs = std::move(pairs);
   }
 
