@@ -3,6 +3,7 @@
 
 #include <limits>
 
+#include "cpx_expressions/cpx_context_services.h"
 #include "cpx_expressions/cpx_expression_engine.h"
 #include "cpx_expressions/vx_expressions_build.h"
 #include "support/limits.h"
@@ -26,10 +27,101 @@ auto Guard(F&& f) -> decltype(f()) {
   }
 }
 
-class Parent final : public vx::CpxExpressionContextParent_Engine {
+}  // namespace
+
+// ---- Table ----
+
+struct Table::Impl final : vx::CpxTuplesStorage {
+  vx::Ptr<vx::CpxTupleDescriptor> descriptor;
+  std::vector<vx::Ptr<vx::CpxTuple>> rows;
+  std::vector<std::unique_ptr<Tuple>> views;  // one per row, same order
+
+  const vx::CpxTupleDescriptor& GetDescriptor() const override { return *descriptor; }
+  unsigned GetSize() const override { return static_cast<unsigned>(rows.size()); }
+  const vx::CpxTuple& GetTuple(unsigned pos) const override { return *rows[pos]; }
+  void Check(size_t i) const {
+    if (i >= rows.size())
+      Fail("row " + std::to_string(i) + " does not exist (the table has " +
+           std::to_string(rows.size()) + ")");
+  }
+};
+
+Table::Table(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
+Table::~Table() = default;
+
+std::unique_ptr<Table> Table::Create(const std::string& descriptor_xml) {
+  auto impl = std::make_unique<Impl>();
+  Guard([&] {
+    auto reader = vx::XmlReaderContext::FromMemory(descriptor_xml, "table descriptor");
+    reader->ExpectStartElement(vx::CpxTupleDescriptor::GetElementName());
+    impl->descriptor = vx::MakePtr<vx::CpxTupleDescriptor>();
+    impl->descriptor->XmlRead(*reader);
+  });
+  return std::unique_ptr<Table>(new Table(std::move(impl)));
+}
+
+size_t Table::RowCount() const { return m_impl->rows.size(); }
+
+Tuple& Table::AppendRow() {
+  m_impl->rows.push_back(m_impl->descriptor->CreateDefaultTuple());
+  vx::CpxTuple& row = *m_impl->rows.back();
+  row.RemoveAllFields();
+  m_impl->views.push_back(std::unique_ptr<Tuple>(new Tuple()));
+  m_impl->views.back()->m_tuple = &row;
+  return *m_impl->views.back();
+}
+
+Tuple& Table::Row(size_t i) {
+  m_impl->Check(i);
+  return *m_impl->views[i];
+}
+
+const Tuple& Table::Row(size_t i) const {
+  m_impl->Check(i);
+  return *m_impl->views[i];
+}
+
+void Table::RemoveRow(size_t i) {
+  m_impl->Check(i);
+  m_impl->rows.erase(m_impl->rows.begin() + static_cast<std::ptrdiff_t>(i));
+  m_impl->views.erase(m_impl->views.begin() + static_cast<std::ptrdiff_t>(i));
+}
+
+void Table::Clear() {
+  m_impl->rows.clear();
+  m_impl->views.clear();
+}
+
+// ---- Environment ----
+
+Environment::~Environment() = default;
+std::optional<int64_t> Environment::NextValue(std::string_view) { return std::nullopt; }
+const Table* Environment::FindTable(std::string_view) const { return nullptr; }
+const User* Environment::CurrentUser() const { return nullptr; }
+
+// ---- StreamParent ----
+
+// The context parent of a stream: its group-by key, and what its options
+// and environment offer (sequences the stream keeps first, then the
+// environment's).
+class StreamParent final : public vx::CpxExpressionContextParent_Engine,
+                           private vx::CpxNextvalStorage,
+                           private vx::CpxExpressionAuthenticationToken {
  public:
-  explicit Parent(std::vector<std::string> fields) : m_fields(std::move(fields)) {}
+  explicit StreamParent(const StreamOptions& options)
+      : m_fields(options.group_by), m_environment(options.environment) {
+    for (const auto& [name, seq] : options.sequences) {
+      if (seq.increment == 0) Fail("sequence '" + name + "' has an increment of 0");
+      m_sequences.Declare(name, seq.start, seq.increment);
+    }
+    m_has_sequences = !options.sequences.empty();
+  }
   void SetDescriptor(std::string name) { m_descriptor = std::move(name); }
+  // Draws of the stream's own sequences go into the store's batches.
+  void AttachStore(vx::CpxPersistentStorageManager* store) {
+    if (m_has_sequences) m_sequences.AttachStore(store);
+  }
+
   vx::Ptr<vx::CpxTupleKey_Engine> GetContextGroupByKey() const override {
     if (m_fields.empty()) return nullptr;
     auto key = vx::MakePtr<vx::CpxTupleKey_Engine>();
@@ -40,13 +132,44 @@ class Parent final : public vx::CpxExpressionContextParent_Engine {
   const vx::CpxTupleDescriptor* FindTupleDescriptor(const std::string&) const override {
     return nullptr;
   }
+  vx::CpxNextvalStorage* GetNextvalStorage() const override {
+    if (!m_has_sequences && !m_environment) return nullptr;
+    return const_cast<StreamParent*>(this);
+  }
+  const vx::CpxTuplesStorage* FindTuplesStorage(std::string_view name) const override {
+    const Table* table = m_environment ? m_environment->FindTable(name) : nullptr;
+    return table ? table->m_impl.get() : nullptr;
+  }
+  const vx::CpxExpressionAuthenticationToken* GetExpressionAuthenticationToken() const override {
+    m_user = m_environment ? m_environment->CurrentUser() : nullptr;
+    return m_user ? this : nullptr;
+  }
 
  private:
+  bool NextVal(std::string_view name, int64_t& value) override {
+    if (m_has_sequences && m_sequences.NextVal(name, value)) return true;
+    std::optional<int64_t> v = m_environment ? m_environment->NextValue(name) : std::nullopt;
+    if (v) value = *v;
+    return v.has_value();
+  }
+  const std::string& GetUserName() const override { return m_user->name; }
+  bool IsMemberOf(std::string_view group) const override {
+    return m_user->groups.find(group) != m_user->groups.end();
+  }
+  bool FindPreference(std::string_view name, std::string& value) const override {
+    auto it = m_user->preferences.find(name);
+    if (it == m_user->preferences.end()) return false;
+    value = it->second;
+    return true;
+  }
+
   std::vector<std::string> m_fields;
   std::string m_descriptor;
+  Environment* m_environment;
+  vx::CpxNextvalStorage_Sequences m_sequences;
+  bool m_has_sequences = false;
+  mutable const User* m_user = nullptr;
 };
-
-}  // namespace
 
 // ---- Tuple ----
 
@@ -161,10 +284,10 @@ void Tuple::SetTimestamp(int64_t micros) { T(m_tuple).SetTimestamp(micros); }
 // ---- Stream ----
 
 struct Stream::Impl {
-  explicit Impl(const StreamOptions& o) : options(o), parent(o.group_by) {}
+  explicit Impl(const StreamOptions& o) : options(o), parent(o) {}
 
   StreamOptions options;
-  Parent parent;
+  StreamParent parent;
   vx::Ptr<vx::CpxExpressionContext_Engine> context;
   std::unique_ptr<vx::CpxPersistentStorageManager> store;
   vx::CpxPersistentStorageMessageCache cache;
@@ -192,6 +315,7 @@ struct Stream::Impl {
       key.AppendBlock(3, "ctx");
       context->InitializeEvaluators(nullptr, &store->GetBatch(), key, &cache, store.get());
       context->RestoreMessages();
+      parent.AttachStore(store.get());
     }
     row = in.GetObjectByPos(0)->CreateDefaultTuple();
     inputs = vx::MakePtr<vx::CpxTuplesList_Vector>();

@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "support/memory.h"
@@ -27,8 +28,11 @@
 
 namespace vx {
 
+class CpxExpressionAuthenticationToken;
 class CpxExpressionContext_Engine;
 class CpxExpressionContextParent_Engine;
+class CpxNextvalStorage;
+class CpxTuplesStorage;
 class CpxExpressionEvaluator_Engine;
 class CpxExpressionOperator_Engine;
 class CpxExpressionOperatorState_Engine;
@@ -272,8 +276,10 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
 
 // ---- context parent ----
 
-// The query-level owner of a context: supplies the group-by key and finds
-// descriptors by name.
+// The query-level owner of a context: supplies the group-by key, finds
+// descriptors by name, and offers what the operators that look beyond the
+// row read (see cpx_context_services.h); a parent that keeps none of these
+// leaves the defaults, which offer nothing.
 class CpxExpressionContextParent_Engine {
  public:
   virtual ~CpxExpressionContextParent_Engine() = default;
@@ -281,6 +287,16 @@ class CpxExpressionContextParent_Engine {
   virtual Ptr<CpxTupleKey_Engine> GetContextGroupByKey() const = 0;
   // A descriptor known to the parent by name, or null.
   virtual const CpxTupleDescriptor* FindTupleDescriptor(const std::string& name) const = 0;
+  // The named sequences NextVal draws from, or null.
+  virtual CpxNextvalStorage* GetNextvalStorage() const { return nullptr; }
+  // The tuple storage (a named window or table) called `name`, or null.
+  virtual const CpxTuplesStorage* FindTuplesStorage(std::string_view name) const {
+    return nullptr;
+  }
+  // The user on whose behalf the context runs, or null when there is none.
+  virtual const CpxExpressionAuthenticationToken* GetExpressionAuthenticationToken() const {
+    return nullptr;
+  }
 };
 
 // ---- context ----

@@ -222,6 +222,10 @@ const CpxTupleDescriptor* CpxExpressionContext_TestSuite::FindTupleDescriptor(
   return nullptr;
 }
 
+CpxNextvalStorage* CpxExpressionContext_TestSuite::GetNextvalStorage() const {
+  return m_environment.GetSequences();
+}
+
 void CpxExpressionContext_TestSuite::DoReadAttributes(XmlReaderContext& reader) {
   XmlNamedObject::DoReadAttributes(reader);
   m_persistent_storage = reader.GetAttribute("PersistentStorage").value_or("");
@@ -232,6 +236,7 @@ void CpxExpressionContext_TestSuite::DoReadContent(XmlReaderContext& reader) {
     m_group_by_key = MakePtr<CpxTupleKey_Engine>("GroupByKey");
     m_group_by_key->XmlRead(reader);
   }
+  m_environment.ReadXml(reader);
   reader.ExpectStartElement(CpxExpressionContext_Engine::GetElementName());
   m_context = MakePtr<CpxExpressionContext_Engine>("exp_context", this);
   m_context->XmlRead(reader);
@@ -256,6 +261,7 @@ void CpxExpressionContext_TestSuite::DoWriteAttributes(XmlWriterContext& writer)
 
 void CpxExpressionContext_TestSuite::DoWriteContent(XmlWriterContext& writer) const {
   if (m_group_by_key) m_group_by_key->XmlWrite(writer);
+  m_environment.WriteXml(writer);
   m_context->XmlWrite(writer);
   writer.StartElement("Tests");
   for (const Ptr<CpxExpressionContext_Test>& t : m_tests) t->XmlWrite(writer);
@@ -338,8 +344,11 @@ void CpxExpressionContext_TestSuite::Restart(std::unique_ptr<CpxPersistentStorag
   if (CpxTuplesList_Vector* v = m_context->GetVariableTuples())
     for (unsigned i = 0; i < v->GetSize(); ++i) variables.push_back(v->GetObjectByPos(i)->Copy());
   m_context->ShutdownEvaluators();
+  CpxNextvalStorage_Sequences* sequences = m_environment.GetSequences();
+  if (sequences) sequences->AttachStore(nullptr);
   manager.reset();
   manager = CpxPersistentStorageManager::Open("BASIC", folder);
+  if (sequences) sequences->AttachStore(manager.get());
   cache = CpxPersistentStorageMessageCache();
   CpxPersistentStorageKey key;
   key.AppendBlock(11, "exp_context");
@@ -377,6 +386,7 @@ CpxTestSuiteResult CpxExpressionContext_TestSuite::Execute(PostExecute operation
                                                             this, "exp_context");
   }
   m_context->InitializeEvaluators();
+  m_environment.ResetSequences();
   std::string folder;
   std::unique_ptr<CpxPersistentStorageManager> manager;
   CpxPersistentStorageMessageCache cache;
@@ -410,6 +420,8 @@ CpxTestSuiteResult CpxExpressionContext_TestSuite::Execute(PostExecute operation
   }
   m_context->ShutdownEvaluators();
   if (persist) {
+    if (CpxNextvalStorage_Sequences* sequences = m_environment.GetSequences())
+      sequences->AttachStore(nullptr);
     manager.reset();
     CpxPersistentStorageManager::Destroy(folder);
     // Leave no empty storage folder behind.

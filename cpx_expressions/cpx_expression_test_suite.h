@@ -6,6 +6,7 @@
 //
 // <TestSuite Name="..." PersistentStorage="">
 //   <GroupByKey TupleDescriptorRef="In"><TupleKeyFieldRef FieldRef="k"/></GroupByKey>
+//   <TuplesStorages/> <Sequences/> <AuthenticationToken/>   (see below)
 //   <ExpressionContext>...</ExpressionContext>
 //   <Tests>
 //     <Test Name="..." ReloadContext="false" Negative="false" Now="...">
@@ -28,6 +29,11 @@
 // keeps outside the store, carry over from test to test. The store lives in
 // "storage/<suite file name>.<process id>" beside the suite and is removed
 // when the suite ends.
+//
+// The suite is its context's parent: besides descriptors and the group-by
+// key it offers the tuple storages, sequences and authentication token it
+// declares (cpx_expression_test_environment.h). With persistence the
+// sequences live in the suite's store too.
 #pragma once
 
 #include <optional>
@@ -37,6 +43,7 @@
 #include <memory>
 
 #include "cpx_expressions/cpx_expression_engine.h"
+#include "cpx_expressions/cpx_expression_test_environment.h"
 
 namespace vx {
 
@@ -141,6 +148,13 @@ class CpxExpressionContext_TestSuite : public XmlNamedObject,
   // CpxExpressionContextParent_Engine
   Ptr<CpxTupleKey_Engine> GetContextGroupByKey() const override { return m_group_by_key; }
   const CpxTupleDescriptor* FindTupleDescriptor(const std::string& name) const override;
+  CpxNextvalStorage* GetNextvalStorage() const override;
+  const CpxTuplesStorage* FindTuplesStorage(std::string_view name) const override {
+    return m_environment.FindTuplesStorage(name);
+  }
+  const CpxExpressionAuthenticationToken* GetExpressionAuthenticationToken() const override {
+    return m_environment.GetToken();
+  }
   // A descriptor of the context's tuple set `kind`, or null.
   const CpxTupleDescriptor* FindDescriptor(CpxTupleSetKind kind, const std::string& name) const;
 
@@ -162,6 +176,8 @@ class CpxExpressionContext_TestSuite : public XmlNamedObject,
 
   std::string m_persistent_storage;
   Ptr<CpxTupleKey_Engine> m_group_by_key;
+  // Mutable: drawing from a sequence changes it, through the const parent.
+  mutable CpxExpressionTestEnvironment m_environment;
   Ptr<CpxExpressionContext_Engine> m_context;
   std::vector<Ptr<CpxExpressionContext_Test>> m_tests;
 };

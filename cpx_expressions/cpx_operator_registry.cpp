@@ -11,6 +11,8 @@ void RegisterAllOperatorFamilies(CpxExpressionOperatorRegistry& registry) {
   RegisterControlFlowOperators(registry);
   RegisterTupleAttributeOperators(registry);
   RegisterRowHistoryOperators(registry);
+  RegisterRowOperators(registry);
+  RegisterLookupOperators(registry);
   RegisterIntegerOperators(registry);
   RegisterLongOperators(registry);
   RegisterFloatOperators(registry);

@@ -27,6 +27,9 @@ struct CpxOperatorInfo {
   const char* null_rule;    // e.g. "any NULL input gives NULL"
   const char* description;  // one line
   CpxOperatorCreator create;
+  // A design note (what the operator does, its parameters, NULL rule and
+  // state), or null. Operators of one family share one note.
+  const char* note;
 };
 
 template <class Op>
@@ -38,9 +41,12 @@ Ptr<CpxExpressionOperator_Engine> CreateRegisteredOperator(const XmlQName& type,
 
 // One registration line of a family's table.
 #define VX_OPERATOR(Class, inputs, outputs, null_rule, description) \
-  ::vx::CpxOperatorInfo {                                           \
-    &Class::GetOperatorType(), inputs, outputs, null_rule, description, \
-        &::vx::CreateRegisteredOperator<Class>                      \
+  VX_OPERATOR_NOTE(Class, inputs, outputs, null_rule, description, nullptr)
+// The same with a design note for the operator reference.
+#define VX_OPERATOR_NOTE(Class, inputs, outputs, null_rule, description, note) \
+  ::vx::CpxOperatorInfo {                                                     \
+    &Class::GetOperatorType(), inputs, outputs, null_rule, description,       \
+        &::vx::CreateRegisteredOperator<Class>, note                          \
   }
 
 class CpxExpressionOperatorRegistry {
@@ -70,6 +76,8 @@ class CpxExpressionOperatorRegistry {
 void RegisterControlFlowOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterTupleAttributeOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterRowHistoryOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterRowOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterLookupOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterIntegerOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterLongOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterFloatOperators(CpxExpressionOperatorRegistry& registry);

@@ -10,7 +10,7 @@ packages=(
   build-essential cmake ninja-build pkg-config git
   libxml2-dev libxml2-utils libxslt1-dev xsltproc
   libnspr4-dev libboost-regex-dev libabsl-dev librocksdb-dev
-  libcli11-dev nlohmann-json3-dev
+  libcli11-dev nlohmann-json3-dev libxxhash-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsqlite3-dev
 )

@@ -18,6 +18,21 @@
   X(AccumulatorMinDistinct##T) X(AccumulatorMax##T) X(AccumulatorMaxDistinct##T)              \
   X(AccumulatorLast##T) X(AccumulatorCountDistinct##T) X(Threshold##T)
 
+// The value types that have a column-lookup and a preference operator, one
+// entry per type: M(X, type word, type name, column-lookup stem, preference
+// stem). One entry here gives a type both operators: their names, classes,
+// shapes and registrations all follow from it.
+#define VX_LOOKUP_OPERATOR_TYPES(M, X)                                                          \
+  M(X, Boolean, boolean, GetColumnByNameBoolean, GetPreferenceBoolean)                         \
+  M(X, Integer, integer, GetColumnByNameInteger, GetPreferenceInteger)                         \
+  M(X, Long, long, GetColumnByNameLong, GetPreferenceLong)                                     \
+  M(X, Float, float, GetColumnByNameFloat, GetPreferenceFloat)                                 \
+  M(X, String, string, GetColumnByNameString, GetPreferenceString)                             \
+  M(X, Time, time, GetColumnByNameTime, GetPreferenceTime)                                     \
+  M(X, IntervalD2S, interval, GetColumnByNameIntervalD2S, GetPreferenceIntervalD2S)            \
+  M(X, Blob, blob, GetColumnByNameBlob, GetPreferenceBlob)
+#define VX_LOOKUP_TYPE_NAMES(X, Type, type, column, preference) X(column) X(preference)
+
 // Operator families add their stems to this list.
 #define VX_OPERATOR_TYPE_NAMES(X)                                                              \
   /* control flow */                                                                          \
@@ -29,6 +44,12 @@
   X(IsDefined) X(IsUndefined) X(Undefine) X(GetTimestamp) X(SetTimestamp) X(CopyTupleType)   \
   /* row history */                                                                           \
   X(Prev) X(GetPrevTimestamp)                                                                 \
+  /* first and last live rows, tuple copies and equality, sequences */                       \
+  X(First) X(Last) X(GetFirstTimestamp) X(GetLastTimestamp) X(CopyByRef) X(IsEqualTuples)     \
+  X(NextVal)                                                                                  \
+  /* column lookup, preferences and the current user */                                      \
+  VX_LOOKUP_OPERATOR_TYPES(VX_LOOKUP_TYPE_NAMES, X) X(GetCurrentUserName)                     \
+  X(IsCurrentUserInGroup)                                                                     \
   /* accumulators and Threshold */                                                            \
   VX_ACCUMULATOR_TYPE_NAMES(X, Integer) VX_ACCUMULATOR_TYPE_NAMES(X, Long)                    \
   VX_ACCUMULATOR_TYPE_NAMES(X, Float) VX_ACCUMULATOR_TYPE_NAMES(X, Time)                      \

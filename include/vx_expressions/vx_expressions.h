@@ -21,8 +21,11 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -35,6 +38,15 @@ class Error : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+class Environment;
+class StreamParent;
+
+// A sequence a stream keeps itself (see StreamOptions::sequences).
+struct Sequence {
+  int64_t start = 1;
+  int64_t increment = 1;  // not 0
+};
+
 struct StreamOptions {
   // Fields of the first input descriptor that form the group-by key; empty
   // for an ungrouped context.
@@ -45,6 +57,16 @@ struct StreamOptions {
   // With a state folder: flush every committed row to the disk (survives a
   // machine crash, at the cost of one disk flush per row).
   bool sync = false;
+  // Sequences for NextVal that the stream keeps itself: the first draw gives
+  // the start, each later one adds the increment. With a state folder every
+  // draw is committed with the row that drew it, so a restarted stream goes
+  // on after the last committed value. A name declared here hides the same
+  // name of the environment.
+  std::map<std::string, Sequence, std::less<>> sequences;
+  // What the server around the stream offers to the operators that look
+  // beyond the row; null offers nothing. Not owned: it must outlive the
+  // stream.
+  Environment* environment = nullptr;
 };
 
 // One field of a row: read or written through its text form (see the value
@@ -86,8 +108,68 @@ class Tuple {
 
  private:
   friend class Stream;
+  friend class Table;
   Tuple() = default;
   void* m_tuple = nullptr;
+};
+
+// A table of rows of one descriptor, oldest first, that an Environment
+// offers to the column-lookup operators (GetColumnByName..., where row 1 is
+// the oldest and -1 the newest). Rows are read while streams push; change a
+// table only between pushes of the streams that read it.
+class Table {
+ public:
+  // A table whose rows have the descriptor given as a "TupleDescriptor"
+  // element; throws Error when the XML is not one.
+  static std::unique_ptr<Table> Create(const std::string& descriptor_xml);
+  ~Table();
+  Table(const Table&) = delete;
+  Table& operator=(const Table&) = delete;
+
+  size_t RowCount() const;
+  // Appends a row with every field NULL and returns it for filling. The
+  // reference stays valid until that row is removed.
+  Tuple& AppendRow();
+  // Throw Error past the last row.
+  Tuple& Row(size_t i);
+  const Tuple& Row(size_t i) const;
+  void RemoveRow(size_t i);
+  void Clear();
+
+ private:
+  friend class StreamParent;
+  struct Impl;
+  explicit Table(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> m_impl;
+};
+
+// The user on whose behalf a stream runs.
+struct User {
+  std::string name;
+  std::set<std::string, std::less<>> groups;                 // names compare exactly
+  std::map<std::string, std::string, std::less<>> preferences;  // value texts
+};
+
+// What the server around a stream offers to the operators that look beyond
+// the row: named sequences (NextVal), named tables (GetColumnByName...) and
+// the current user (GetCurrentUserName, IsCurrentUserInGroup,
+// GetPreference...). Each method's default offers nothing; override what the
+// server has. Methods are called on the thread that pushes a row, so an
+// environment shared by streams on several threads must be thread safe.
+class Environment {
+ public:
+  virtual ~Environment();
+  // Advances sequence `name` and returns its new value; nullopt when there
+  // is no such sequence. Persisting the sequence is the environment's own
+  // business (StreamOptions::sequences commit with the stream's state).
+  virtual std::optional<int64_t> NextValue(std::string_view name);
+  // The table called `name`, or null. A table must outlive the streams that
+  // read it, and a name must keep naming the same table (its rows may
+  // change): streams remember the table a name gave them.
+  virtual const Table* FindTable(std::string_view name) const;
+  // The user the stream runs as, or null for none; the object must stay
+  // valid until the next call.
+  virtual const User* CurrentUser() const;
 };
 
 class Stream {

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -85,6 +86,20 @@ int ListOperators(bool markdown) {
     std::printf("| `%s` | %s | %s | %s | %s |\n", info.type->local.c_str(),
                 MarkdownCell(info.inputs).c_str(), MarkdownCell(info.outputs).c_str(),
                 MarkdownCell(info.null_rule).c_str(), MarkdownCell(info.description).c_str());
+  }
+  // Design notes, one per family: operators that share a note share a section.
+  std::vector<const char*> notes;
+  for (const vx::CpxOperatorInfo& info : all)
+    if (info.note && std::find(notes.begin(), notes.end(), info.note) == notes.end())
+      notes.push_back(info.note);
+  if (!notes.empty()) std::printf("\n## Design notes\n");
+  for (const char* note : notes) {
+    std::string names;
+    for (const vx::CpxOperatorInfo& info : all) {
+      if (info.note != note) continue;
+      names += (names.empty() ? "`" : ", `") + info.type->local + "`";
+    }
+    std::printf("\n### %s\n\n%s\n", names.c_str(), note);
   }
   return 0;
 }
