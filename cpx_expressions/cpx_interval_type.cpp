@@ -59,10 +59,10 @@ struct QualifiedIntervalOperation {
   }
 };
 
-#define VX_DEFINE_QUALIFIED_INTERVAL(Function, parser)                                 \
-  VX_DEFINE_OPERATOR(                                                                  \
+#define VX_DEFINE_QUALIFIED_INTERVAL(Function, parser)                                      \
+  VX_DEFINE_OPERATOR(                                                                       \
       CpxExpressionOperator_IntervalD2S_##Function##Interval_Engine, Function##IntervalD2S, \
-      CpxExpressionOperator_Unary_Engine<                                              \
+      CpxExpressionOperator_Unary_Engine<                                                   \
           Str, Interval, QualifiedIntervalOperation<&IntervalD2S::intd2s_parser_##parser>>)
 
 VX_DEFINE_QUALIFIED_INTERVAL(DayToDS, day);
@@ -135,49 +135,23 @@ VX_DEFINE_OPERATOR(CpxExpressionOperator_IntervalD2S_IntervalD2SPlusTime_Engine,
                    IntervalD2SPlusTime,
                    CpxExpressionOperator_Binary_Engine<Interval, Time, Time, AddOperation>);
 
-// ---- arithmetic, comparison and list ----
+// ---- arithmetic, comparison, list, scaling and conversions ----
 
 VX_DEFINE_COUNT_BASICS(IntervalD2S, Interval);
 
-// ---- multiplying and dividing by numbers and intervals ----
+// ---- the number first, and interval by interval ----
 
-#define VX_DEFINE_INTERVAL_BINARY(Class, stem, In0, In1, Out, Op) \
-  VX_DEFINE_OPERATOR(CpxExpressionOperator_IntervalD2S_##Class##_Engine, stem, \
-                     CpxExpressionOperator_Binary_Engine<In0, In1, Out, Op>)
-
-VX_DEFINE_INTERVAL_BINARY(MultiplyByFloat, MultiplyIntervalD2SByFloat, Interval,
-                          CpxTupleField_Float, Interval, ScaleCountOperation);
-VX_DEFINE_INTERVAL_BINARY(MultiplyByInteger, MultiplyIntervalD2SByInteger, Interval,
-                          CpxTupleField_Integer, Interval, ScaleCountOperation);
-VX_DEFINE_INTERVAL_BINARY(MultiplyByLong, MultiplyIntervalD2SByLong, Interval,
-                          CpxTupleField_Long, Interval, ScaleCountOperation);
-VX_DEFINE_INTERVAL_BINARY(MultiplyFloatBy, MultiplyFloatByIntervalD2S, CpxTupleField_Float,
-                          Interval, Interval, ScaleCountCommutedOperation);
-VX_DEFINE_INTERVAL_BINARY(MultiplyIntegerBy, MultiplyIntegerByIntervalD2S, CpxTupleField_Integer,
-                          Interval, Interval, ScaleCountCommutedOperation);
-VX_DEFINE_INTERVAL_BINARY(MultiplyLongBy, MultiplyLongByIntervalD2S, CpxTupleField_Long,
-                          Interval, Interval, ScaleCountCommutedOperation);
-VX_DEFINE_INTERVAL_BINARY(DivideByFloat, DivideIntervalD2SByFloat, Interval, CpxTupleField_Float,
-                          Interval, DivideCountOperation);
-VX_DEFINE_INTERVAL_BINARY(DivideByInteger, DivideIntervalD2SByInteger, Interval,
-                          CpxTupleField_Integer, Interval, DivideCountOperation);
-VX_DEFINE_INTERVAL_BINARY(DivideByLong, DivideIntervalD2SByLong, Interval, CpxTupleField_Long,
-                          Interval, DivideCountOperation);
-VX_DEFINE_INTERVAL_BINARY(DivideByIntervalD2SToFloat, DivideIntervalD2SByIntervalD2SToFloat,
-                          Interval, Interval, CpxTupleField_Float, CountRatioOperation);
-VX_DEFINE_INTERVAL_BINARY(IntervalModInterval, IntervalModIntervalToInterval, Interval, Interval,
-                          Interval, ModuloOperation);
-
-// ---- conversions (the number is the microsecond count) ----
-
-VX_DEFINE_OPERATOR(CpxExpressionOperator_IntervalD2S_ToFloat_Engine, ToFloatIntervalD2S,
-                   CpxExpressionOperator_FromOtherType_Engine<CpxTupleField_Float, Interval>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_IntervalD2S_ToLong_Engine, ToLongIntervalD2S,
-                   CpxExpressionOperator_FromOtherType_Engine<CpxTupleField_Long, Interval>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_IntervalD2S_FromFloat_Engine, FromFloatIntervalD2S,
-                   CpxExpressionOperator_FromOtherType_Engine<Interval, CpxTupleField_Float>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_IntervalD2S_FromLong_Engine, FromLongIntervalD2S,
-                   CpxExpressionOperator_FromOtherType_Engine<Interval, CpxTupleField_Long>);
+VX_DEFINE_COUNT_BINARY(IntervalD2S, MultiplyFloatBy, MultiplyFloatByIntervalD2S,
+                       CpxTupleField_Float, Interval, Interval, ScaleCountCommutedOperation);
+VX_DEFINE_COUNT_BINARY(IntervalD2S, MultiplyIntegerBy, MultiplyIntegerByIntervalD2S,
+                       CpxTupleField_Integer, Interval, Interval, ScaleCountCommutedOperation);
+VX_DEFINE_COUNT_BINARY(IntervalD2S, MultiplyLongBy, MultiplyLongByIntervalD2S, CpxTupleField_Long,
+                       Interval, Interval, ScaleCountCommutedOperation);
+VX_DEFINE_COUNT_BINARY(IntervalD2S, DivideByIntervalD2SToFloat,
+                       DivideIntervalD2SByIntervalD2SToFloat, Interval, Interval,
+                       CpxTupleField_Float, CountRatioOperation);
+VX_DEFINE_COUNT_BINARY(IntervalD2S, IntervalModInterval, IntervalModIntervalToInterval, Interval,
+                       Interval, Interval, ModuloOperation);
 
 }  // namespace vxi
 
@@ -187,10 +161,10 @@ void RegisterIntervalOperators(CpxExpressionOperatorRegistry& registry) {
   using namespace vxi;
   constexpr const char* kText = "NULL or text that does not read gives NULL";
   constexpr const char* kScale = "any NULL input, NaN or a result beyond the range gives NULL";
-#define VX_QUALIFIED_ROW(Function, form)                                                  \
+#define VX_QUALIFIED_ROW(Function, form)                                                 \
   VX_OPERATOR(CpxExpressionOperator_IntervalD2S_##Function##Interval_Engine, "1 string", \
-              "1 interval",                                                               \
-              kText, "Text of the form " form "; the leading field has up to 9 digits.")
+              "1 interval", kText,                                                       \
+              "Text of the form " form "; the leading field has up to 9 digits.")
   static const CpxOperatorInfo kTable[] = {
       VX_OPERATOR(CpxExpressionOperator_IntervalD2S_FromString_Engine, "1 string", "1 interval",
                   kText,
@@ -229,46 +203,17 @@ void RegisterIntervalOperators(CpxExpressionOperatorRegistry& registry) {
                   "1 interval, 1 time", "1 time", "any NULL input gives NULL",
                   "Interval plus time; wraps."),
       VX_COUNT_BASICS_TABLE(IntervalD2S, "interval"),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_MultiplyByFloat_Engine, "1 interval, 1 float",
-                  "1 interval", kScale, "Interval times the number, rounded to the microsecond."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_MultiplyByInteger_Engine,
-                  "1 interval, 1 integer", "1 interval", "any NULL input gives NULL",
-                  "Interval times the number; wraps."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_MultiplyByLong_Engine, "1 interval, 1 long",
-                  "1 interval", "any NULL input gives NULL", "Interval times the number; wraps."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_MultiplyFloatBy_Engine, "1 float, 1 interval",
-                  "1 interval", kScale, "Number times the interval, rounded to the microsecond."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_MultiplyIntegerBy_Engine,
-                  "1 integer, 1 interval", "1 interval", "any NULL input gives NULL",
-                  "Number times the interval; wraps."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_MultiplyLongBy_Engine, "1 long, 1 interval",
-                  "1 interval", "any NULL input gives NULL", "Number times the interval; wraps."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_DivideByFloat_Engine, "1 interval, 1 float",
-                  "1 interval",
-                  "any NULL input, zero divisor or a result beyond the range gives NULL",
-                  "Interval divided by the number, rounded to the microsecond."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_DivideByInteger_Engine,
-                  "1 interval, 1 integer", "1 interval",
-                  "any NULL input or zero divisor gives NULL",
-                  "Interval divided by the number, truncated toward zero."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_DivideByLong_Engine, "1 interval, 1 long",
-                  "1 interval", "any NULL input or zero divisor gives NULL",
-                  "Interval divided by the number, truncated toward zero."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_DivideByIntervalD2SToFloat_Engine,
-                  "2 interval", "1 float", "any NULL input or zero divisor gives NULL",
-                  "Ratio of the intervals."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_IntervalModInterval_Engine, "2 interval",
-                  "1 interval", "any NULL input or zero divisor gives NULL",
-                  "Remainder of truncating division; its sign follows the dividend."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_ToFloat_Engine, "1 interval", "1 float",
-                  "NULL input gives NULL", "Microseconds of the interval."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_ToLong_Engine, "1 interval", "1 long",
-                  "NULL input gives NULL", "Microseconds of the interval."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_FromFloat_Engine, "1 float", "1 interval",
-                  "NULL or NaN input gives NULL",
-                  "Microseconds, truncated toward zero; beyond the range, the nearest limit."),
-      VX_OPERATOR(CpxExpressionOperator_IntervalD2S_FromLong_Engine, "1 long", "1 interval",
-                  "NULL input gives NULL", "Microseconds."),
+      VX_NUMERIC_ROW(IntervalD2S, MultiplyFloatBy, "1 float, 1 interval", "1 interval", kScale,
+                     "Number times the interval, rounded to the microsecond."),
+      VX_NUMERIC_ROW(IntervalD2S, MultiplyIntegerBy, "1 integer, 1 interval", "1 interval",
+                     "any NULL input gives NULL", "Number times the interval; wraps."),
+      VX_NUMERIC_ROW(IntervalD2S, MultiplyLongBy, "1 long, 1 interval", "1 interval",
+                     "any NULL input gives NULL", "Number times the interval; wraps."),
+      VX_NUMERIC_ROW(IntervalD2S, DivideByIntervalD2SToFloat, "2 interval", "1 float",
+                     "any NULL input or zero divisor gives NULL", "Ratio of the intervals."),
+      VX_NUMERIC_ROW(IntervalD2S, IntervalModInterval, "2 interval", "1 interval",
+                     "any NULL input or zero divisor gives NULL",
+                     "Remainder of truncating division; its sign follows the dividend."),
   };
 #undef VX_QUALIFIED_ROW
   registry.Register(kTable, std::size(kTable));

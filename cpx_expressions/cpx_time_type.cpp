@@ -175,8 +175,8 @@ struct MakeTimestampOperation {
     static constexpr std::string_view kZoneFormat = "YYYY/MM/DD HH24:MI:SS.ff TZD";
     std::string_view format = kFormat;
     if (zone.empty()) {
-      PR_snprintf(text, sizeof text, "%04d/%02d/%02d %02d:%02d:%02d.%06d", e.tm_year,
-                  printed_month, e.tm_mday, e.tm_hour, e.tm_min, e.tm_sec, e.tm_usec);
+      PR_snprintf(text, sizeof text, "%04d/%02d/%02d %02d:%02d:%02d.%06d", e.tm_year, printed_month,
+                  e.tm_mday, e.tm_hour, e.tm_min, e.tm_sec, e.tm_usec);
     } else {
       PR_snprintf(text, sizeof text, "%04d/%02d/%02d %02d:%02d:%02d.%06d %s", e.tm_year,
                   printed_month, e.tm_mday, e.tm_hour, e.tm_min, e.tm_sec, e.tm_usec,
@@ -209,8 +209,7 @@ VX_DEFINE_OPERATOR(CpxExpressionOperator_Time_TimeMinusTimeToIntervalD2S_Engine,
 class CpxExpressionOperator_Time_Base_Engine : public CpxExpressionOperator_Scalar_Engine {
  public:
   CpxExpressionOperator_Time_Base_Engine(std::string name, CpxExpressionContext_Engine* context,
-                                         XmlQName type, const char* display_name,
-                                         const char* token)
+                                         XmlQName type, const char* display_name, const char* token)
       : CpxExpressionOperator_Scalar_Engine(std::move(name), context, std::move(type)),
         m_display_name(display_name),
         m_token(token) {}
@@ -227,8 +226,7 @@ class CpxExpressionOperator_Time_Base_Engine : public CpxExpressionOperator_Scal
       SetLastError(std::string("Invalid number of parameters in ") + m_display_name +
                    " operator. Expected \"time, string(optional timezone)\" as input with "
                    "exactly one time output.");
-      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_PARAMETERS,
-                                  {"op", m_display_name});
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_PARAMETERS, {"op", m_display_name});
     }
     InsureInputType(0, CpxFieldKind::Time);
     if (n == 2) InsureInputType(1, CpxFieldKind::String);
@@ -260,18 +258,18 @@ class CpxExpressionOperator_Time_Base_Engine : public CpxExpressionOperator_Scal
   const char* m_token;
 };
 
-#define VX_DEFINE_TIME_FIELD(Function, token)                                                   \
-  class CpxExpressionOperator_Time_##Function##_Engine final                                    \
-      : public CpxExpressionOperator_Time_Base_Engine {                                         \
-   public:                                                                                      \
-    CpxExpressionOperator_Time_##Function##_Engine(std::string name,                            \
-                                                   CpxExpressionContext_Engine* context,        \
-                                                   XmlQName type)                               \
-        : CpxExpressionOperator_Time_Base_Engine(std::move(name), context, std::move(type),     \
-                                                 "Time_" #Function, token) {}                   \
-    static const XmlQName& GetOperatorType() {                                                  \
-      return CpxExpressionOperatorTypes::Function##TimeOperatorType();                          \
-    }                                                                                           \
+#define VX_DEFINE_TIME_FIELD(Function, token)                                               \
+  class CpxExpressionOperator_Time_##Function##_Engine final                                \
+      : public CpxExpressionOperator_Time_Base_Engine {                                     \
+   public:                                                                                  \
+    CpxExpressionOperator_Time_##Function##_Engine(std::string name,                        \
+                                                   CpxExpressionContext_Engine* context,    \
+                                                   XmlQName type)                           \
+        : CpxExpressionOperator_Time_Base_Engine(std::move(name), context, std::move(type), \
+                                                 "Time_" #Function, token) {}               \
+    static const XmlQName& GetOperatorType() {                                              \
+      return CpxExpressionOperatorTypes::Function##TimeOperatorType();                      \
+    }                                                                                       \
   }
 
 VX_DEFINE_TIME_FIELD(Year, "YYYY");
@@ -284,50 +282,20 @@ VX_DEFINE_TIME_FIELD(Minute, "MI");
 VX_DEFINE_TIME_FIELD(Second, "SS");
 VX_DEFINE_TIME_FIELD(Microsecond, "ff");
 
-// ---- arithmetic, comparison and list ----
+// ---- arithmetic, comparison, list, scaling and conversions ----
 
 VX_DEFINE_COUNT_BASICS(Time, Time);
 VX_DEFINE_NUMERIC_OPERATOR(Time, Time, Multiply);
 
-// ---- multiplying and dividing by numbers, intervals and times ----
+// ---- dividing by intervals and times ----
 
-VX_DEFINE_OPERATOR(
-    CpxExpressionOperator_Time_MultiplyByFloat_Engine, MultiplyTimeByFloat,
-    CpxExpressionOperator_Binary_Engine<Time, CpxTupleField_Float, Time, ScaleCountOperation>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Time_MultiplyByInteger_Engine, MultiplyTimeByInteger,
-                   CpxExpressionOperator_Binary_Engine<Time, Int, Time, ScaleCountOperation>);
-VX_DEFINE_OPERATOR(
-    CpxExpressionOperator_Time_MultiplyByLong_Engine, MultiplyTimeByLong,
-    CpxExpressionOperator_Binary_Engine<Time, CpxTupleField_Long, Time, ScaleCountOperation>);
-VX_DEFINE_OPERATOR(
-    CpxExpressionOperator_Time_DivideByFloat_Engine, DivideTimeByFloat,
-    CpxExpressionOperator_Binary_Engine<Time, CpxTupleField_Float, Time, DivideCountOperation>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Time_DivideByInteger_Engine, DivideTimeByInteger,
-                   CpxExpressionOperator_Binary_Engine<Time, Int, Time, DivideCountOperation>);
-VX_DEFINE_OPERATOR(
-    CpxExpressionOperator_Time_DivideByLong_Engine, DivideTimeByLong,
-    CpxExpressionOperator_Binary_Engine<Time, CpxTupleField_Long, Time, DivideCountOperation>);
 // The quotient of two counts is a number, not an instant: a long.
-VX_DEFINE_OPERATOR(
-    CpxExpressionOperator_Time_DivideByInterval_Engine, DivideTimeByInterval,
-    CpxExpressionOperator_Binary_Engine<Time, Interval, CpxTupleField_Long, DivideOperation>);
-VX_DEFINE_OPERATOR(
-    CpxExpressionOperator_Time_DivideByTime_Engine, DivideTimeByTime,
-    CpxExpressionOperator_Binary_Engine<Time, Time, CpxTupleField_Long, DivideOperation>);
-VX_DEFINE_OPERATOR(
-    CpxExpressionOperator_Time_DivideByTimeToFloat_Engine, DivideTimeByTimeToFloat,
-    CpxExpressionOperator_Binary_Engine<Time, Time, CpxTupleField_Float, CountRatioOperation>);
-
-// ---- conversions (the number is the microsecond count) ----
-
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Time_ToFloat_Engine, ToFloatTime,
-                   CpxExpressionOperator_FromOtherType_Engine<CpxTupleField_Float, Time>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Time_ToLong_Engine, ToLongTime,
-                   CpxExpressionOperator_FromOtherType_Engine<CpxTupleField_Long, Time>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Time_FromFloat_Engine, FromFloatTime,
-                   CpxExpressionOperator_FromOtherType_Engine<Time, CpxTupleField_Float>);
-VX_DEFINE_OPERATOR(CpxExpressionOperator_Time_FromLong_Engine, FromLongTime,
-                   CpxExpressionOperator_FromOtherType_Engine<Time, CpxTupleField_Long>);
+VX_DEFINE_COUNT_BINARY(Time, DivideByInterval, DivideTimeByInterval, Time, Interval,
+                       CpxTupleField_Long, DivideOperation);
+VX_DEFINE_COUNT_BINARY(Time, DivideByTime, DivideTimeByTime, Time, Time, CpxTupleField_Long,
+                       DivideOperation);
+VX_DEFINE_COUNT_BINARY(Time, DivideByTimeToFloat, DivideTimeByTimeToFloat, Time, Time,
+                       CpxTupleField_Float, CountRatioOperation);
 
 }  // namespace vxi
 
@@ -391,40 +359,14 @@ void RegisterTimeOperators(CpxExpressionOperatorRegistry& registry) {
       VX_COUNT_BASICS_TABLE(Time, "time"),
       VX_NUMERIC_ROW(Time, Multiply, "1+ time", "1 time", "any NULL input gives NULL",
                      "Product of the microsecond counts, folded from the left; wraps."),
-      VX_OPERATOR(CpxExpressionOperator_Time_MultiplyByFloat_Engine, "1 time, 1 float", "1 time",
-                  "any NULL input, NaN or a result beyond the range gives NULL",
-                  "Count times the number, rounded to the microsecond."),
-      VX_OPERATOR(CpxExpressionOperator_Time_MultiplyByInteger_Engine, "1 time, 1 integer",
-                  "1 time", "any NULL input gives NULL", "Count times the number; wraps."),
-      VX_OPERATOR(CpxExpressionOperator_Time_MultiplyByLong_Engine, "1 time, 1 long", "1 time",
-                  "any NULL input gives NULL", "Count times the number; wraps."),
-      VX_OPERATOR(CpxExpressionOperator_Time_DivideByFloat_Engine, "1 time, 1 float", "1 time",
-                  "any NULL input, zero divisor or a result beyond the range gives NULL",
-                  "Count divided by the number, rounded to the microsecond."),
-      VX_OPERATOR(CpxExpressionOperator_Time_DivideByInteger_Engine, "1 time, 1 integer",
-                  "1 time", "any NULL input or zero divisor gives NULL",
-                  "Count divided by the number, truncated toward zero."),
-      VX_OPERATOR(CpxExpressionOperator_Time_DivideByLong_Engine, "1 time, 1 long", "1 time",
-                  "any NULL input or zero divisor gives NULL",
-                  "Count divided by the number, truncated toward zero."),
-      VX_OPERATOR(CpxExpressionOperator_Time_DivideByInterval_Engine, "1 time, 1 interval",
-                  "1 long", "any NULL input or zero divisor gives NULL",
-                  "Whole intervals in the count (truncated toward zero)."),
-      VX_OPERATOR(CpxExpressionOperator_Time_DivideByTime_Engine, "2 time", "1 long",
-                  "any NULL input or zero divisor gives NULL",
-                  "Quotient of the counts, truncated toward zero."),
-      VX_OPERATOR(CpxExpressionOperator_Time_DivideByTimeToFloat_Engine, "2 time", "1 float",
-                  "any NULL input or zero divisor gives NULL", "Ratio of the counts."),
-      VX_OPERATOR(CpxExpressionOperator_Time_ToFloat_Engine, "1 time", "1 float",
-                  "NULL input gives NULL", "Microseconds since the epoch."),
-      VX_OPERATOR(CpxExpressionOperator_Time_ToLong_Engine, "1 time", "1 long",
-                  "NULL input gives NULL", "Microseconds since the epoch."),
-      VX_OPERATOR(CpxExpressionOperator_Time_FromFloat_Engine, "1 float", "1 time",
-                  "NULL or NaN input gives NULL",
-                  "Microseconds since the epoch, truncated toward zero; beyond the range, the "
-                  "nearest limit."),
-      VX_OPERATOR(CpxExpressionOperator_Time_FromLong_Engine, "1 long", "1 time",
-                  "NULL input gives NULL", "Microseconds since the epoch."),
+      VX_NUMERIC_ROW(Time, DivideByInterval, "1 time, 1 interval", "1 long",
+                     "any NULL input or zero divisor gives NULL",
+                     "Whole intervals in the count (truncated toward zero)."),
+      VX_NUMERIC_ROW(Time, DivideByTime, "2 time", "1 long",
+                     "any NULL input or zero divisor gives NULL",
+                     "Quotient of the counts, truncated toward zero."),
+      VX_NUMERIC_ROW(Time, DivideByTimeToFloat, "2 time", "1 float",
+                     "any NULL input or zero divisor gives NULL", "Ratio of the counts."),
   };
   registry.Register(kTable, std::size(kTable));
 }

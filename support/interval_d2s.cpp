@@ -1,6 +1,8 @@
 // IntervalD2S: parsing, canonical form, text and fields (see interval_d2s.h).
 #include "support/interval_d2s.h"
 
+#include <absl/strings/match.h>
+
 #include <cmath>
 #include <cstdio>
 
@@ -13,13 +15,10 @@ constexpr int kLeadingDigits = 9;
 constexpr int kIsoDigits = 18;
 
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
-char Upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
-
+// ASCII letters in any case (Abseil's string_view is its own type here).
 bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (Upper(a[i]) != Upper(b[i])) return false;
-  return true;
+  return absl::EqualsIgnoreCase(absl::string_view(a.data(), a.size()),
+                                absl::string_view(b.data(), b.size()));
 }
 
 std::string_view Trim(std::string_view text) {
@@ -101,7 +100,8 @@ void IntervalD2S::SetCount(int64_t micros) {
 bool IntervalD2S::Magnitude(uint64_t& magnitude) const {
   using U = unsigned __int128;
   const U total =
-      (((U(m_days) * 24 + m_hours) * 60 + m_minutes) * 60 + m_seconds) * kMicrosPerSecond + m_micros;
+      (((U(m_days) * 24 + m_hours) * 60 + m_minutes) * 60 + m_seconds) * kMicrosPerSecond +
+      m_micros;
   const U limit = U(INT64_MAX) + (m_negative ? 1 : 0);
   if (total > limit) return false;
   magnitude = static_cast<uint64_t>(total);
@@ -213,9 +213,11 @@ bool IntervalD2S::ParseIso(std::string_view text) {
   }
   if (c.Take('T') || c.Take('t')) {
     bool any_time = false;
-    for (const auto& [unit, field] : {std::pair{'H', &parsed.m_hours}, std::pair{'M', &parsed.m_minutes}}) {
+    for (const auto& [unit, field] :
+         {std::pair{'H', &parsed.m_hours}, std::pair{'M', &parsed.m_minutes}}) {
       Cursor probe = c;
-      if (probe.Digits(kIsoDigits, v) && (probe.Take(unit) || probe.Take(static_cast<char>(unit + 32)))) {
+      if (probe.Digits(kIsoDigits, v) &&
+          (probe.Take(unit) || probe.Take(static_cast<char>(unit + 32)))) {
         *field = v;
         c = probe;
         any_time = true;
@@ -291,12 +293,11 @@ bool IntervalD2S::ParseGeneral(std::string_view text) {
 
 int IntervalD2S::ToChars(char* buffer, size_t size) const {
   const bool minus = m_negative && (m_days | m_hours | m_minutes | m_seconds | m_micros) != 0;
-  return std::snprintf(buffer, size, "%s%llu %02llu:%02llu:%02llu.%06llu", minus ? "-" : "",
-                       static_cast<unsigned long long>(m_days),
-                       static_cast<unsigned long long>(m_hours),
-                       static_cast<unsigned long long>(m_minutes),
-                       static_cast<unsigned long long>(m_seconds),
-                       static_cast<unsigned long long>(m_micros));
+  return std::snprintf(
+      buffer, size, "%s%llu %02llu:%02llu:%02llu.%06llu", minus ? "-" : "",
+      static_cast<unsigned long long>(m_days), static_cast<unsigned long long>(m_hours),
+      static_cast<unsigned long long>(m_minutes), static_cast<unsigned long long>(m_seconds),
+      static_cast<unsigned long long>(m_micros));
 }
 
 std::string IntervalD2S::ToString() const {

@@ -1,6 +1,7 @@
 // Time and duration texts, and the time-zone map (see time_text.h).
 #include "support/time_text.h"
 
+#include <absl/strings/match.h>
 #include <absl/time/civil_time.h>
 #include <unistd.h>
 
@@ -15,8 +16,27 @@ namespace {
 // ---- format items ----
 
 enum class Tok : uint8_t {
-  kEnd, kLiteral, kYYYY, kYY, kMONTH, kMON, kMM, kDDD, kDAY, kDY, kDD, kD,
-  kHH24, kHH12, kHH, kAM, kPM, kMI, kSS, kff, kTZD,
+  kEnd,
+  kLiteral,
+  kYYYY,
+  kYY,
+  kMONTH,
+  kMON,
+  kMM,
+  kDDD,
+  kDAY,
+  kDY,
+  kDD,
+  kD,
+  kHH24,
+  kHH12,
+  kHH,
+  kAM,
+  kPM,
+  kMI,
+  kSS,
+  kff,
+  kTZD,
 };
 
 struct TokenName {
@@ -35,8 +55,18 @@ constexpr TokenName kTokens[] = {
 
 bool IsNumberToken(Tok t) {
   switch (t) {
-    case Tok::kYYYY: case Tok::kYY: case Tok::kMM: case Tok::kDDD: case Tok::kDD: case Tok::kD:
-    case Tok::kHH24: case Tok::kHH12: case Tok::kHH: case Tok::kMI: case Tok::kSS: case Tok::kff:
+    case Tok::kYYYY:
+    case Tok::kYY:
+    case Tok::kMM:
+    case Tok::kDDD:
+    case Tok::kDD:
+    case Tok::kD:
+    case Tok::kHH24:
+    case Tok::kHH12:
+    case Tok::kHH:
+    case Tok::kMI:
+    case Tok::kSS:
+    case Tok::kff:
       return true;
     default:
       return false;
@@ -81,19 +111,16 @@ class FormatItems {
   size_t m_pos = 0;
 };
 
-constexpr const char* kMonthNames[12] = {"JANUARY", "FEBRUARY", "MARCH",     "APRIL",
-                                         "MAY",     "JUNE",     "JULY",      "AUGUST",
-                                         "SEPTEMBER", "OCTOBER", "NOVEMBER", "DECEMBER"};
+constexpr const char* kMonthNames[12] = {"JANUARY",   "FEBRUARY", "MARCH",    "APRIL",
+                                         "MAY",       "JUNE",     "JULY",     "AUGUST",
+                                         "SEPTEMBER", "OCTOBER",  "NOVEMBER", "DECEMBER"};
 constexpr const char* kDayNames[7] = {"SUNDAY",   "MONDAY", "TUESDAY", "WEDNESDAY",
                                       "THURSDAY", "FRIDAY", "SATURDAY"};
 
-char Upper(char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c; }
-
+// ASCII letters in any case (Abseil's string_view is its own type here).
 bool EqualsNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (Upper(a[i]) != Upper(b[i])) return false;
-  return true;
+  return absl::EqualsIgnoreCase(absl::string_view(a.data(), a.size()),
+                                absl::string_view(b.data(), b.size()));
 }
 
 // `v` in decimal, zero-padded to `width` digits, with a '-' when negative.
@@ -219,13 +246,20 @@ std::string OffsetText(int32_t offset) {
 // 0 for Sunday ... 6 for Saturday.
 int WeekdayNumber(absl::Weekday w) {
   switch (w) {
-    case absl::Weekday::sunday: return 0;
-    case absl::Weekday::monday: return 1;
-    case absl::Weekday::tuesday: return 2;
-    case absl::Weekday::wednesday: return 3;
-    case absl::Weekday::thursday: return 4;
-    case absl::Weekday::friday: return 5;
-    case absl::Weekday::saturday: return 6;
+    case absl::Weekday::sunday:
+      return 0;
+    case absl::Weekday::monday:
+      return 1;
+    case absl::Weekday::tuesday:
+      return 2;
+    case absl::Weekday::wednesday:
+      return 3;
+    case absl::Weekday::thursday:
+      return 4;
+    case absl::Weekday::friday:
+      return 5;
+    case absl::Weekday::saturday:
+      return 6;
   }
   return 0;
 }
@@ -238,7 +272,8 @@ bool Explode(PRTime time, const Zone& zone, PRExplodedTime& e, std::string& abbr
   if (zone.fn) {
     // NSPR keeps the year in 16 bits: stay a year inside the range, so that
     // no offset can carry the year out of it.
-    const absl::CivilSecond utc = absl::ToCivilSecond(absl::FromUnixMicros(time), absl::UTCTimeZone());
+    const absl::CivilSecond utc =
+        absl::ToCivilSecond(absl::FromUnixMicros(time), absl::UTCTimeZone());
     if (utc.year() <= kMinYear || utc.year() >= kMaxYear) return false;
     PR_ExplodeTime(time, zone.fn, &e);
     abbreviation = OffsetText(e.tm_params.tp_gmt_offset + e.tm_params.tp_dst_offset);
@@ -270,27 +305,64 @@ std::string FormatExploded(const PRExplodedTime& e, std::string_view abbreviatio
   const int hour12 = e.tm_hour % 12 == 0 ? 12 : e.tm_hour % 12;
   for (FormatItem item = items.Next(); item.tok != Tok::kEnd; item = items.Next()) {
     switch (item.tok) {
-      case Tok::kEnd: break;
-      case Tok::kLiteral: out += item.text; break;
-      case Tok::kYYYY: AppendNumber(out, e.tm_year, 4); break;
-      case Tok::kYY: AppendNumber(out, (e.tm_year % 100 + 100) % 100, 2); break;
-      case Tok::kMONTH: out += kMonthNames[e.tm_month]; break;
-      case Tok::kMON: out.append(kMonthNames[e.tm_month], 3); break;
-      case Tok::kMM: AppendNumber(out, e.tm_month + 1, 2); break;
-      case Tok::kDDD: AppendNumber(out, e.tm_yday + 1, 3); break;
-      case Tok::kDAY: out += kDayNames[e.tm_wday]; break;
-      case Tok::kDY: out.append(kDayNames[e.tm_wday], 3); break;
-      case Tok::kDD: AppendNumber(out, e.tm_mday, 2); break;
-      case Tok::kD: AppendNumber(out, e.tm_wday + 1, 1); break;
-      case Tok::kHH24: AppendNumber(out, e.tm_hour, 2); break;
+      case Tok::kEnd:
+        break;
+      case Tok::kLiteral:
+        out += item.text;
+        break;
+      case Tok::kYYYY:
+        AppendNumber(out, e.tm_year, 4);
+        break;
+      case Tok::kYY:
+        AppendNumber(out, (e.tm_year % 100 + 100) % 100, 2);
+        break;
+      case Tok::kMONTH:
+        out += kMonthNames[e.tm_month];
+        break;
+      case Tok::kMON:
+        out.append(kMonthNames[e.tm_month], 3);
+        break;
+      case Tok::kMM:
+        AppendNumber(out, e.tm_month + 1, 2);
+        break;
+      case Tok::kDDD:
+        AppendNumber(out, e.tm_yday + 1, 3);
+        break;
+      case Tok::kDAY:
+        out += kDayNames[e.tm_wday];
+        break;
+      case Tok::kDY:
+        out.append(kDayNames[e.tm_wday], 3);
+        break;
+      case Tok::kDD:
+        AppendNumber(out, e.tm_mday, 2);
+        break;
+      case Tok::kD:
+        AppendNumber(out, e.tm_wday + 1, 1);
+        break;
+      case Tok::kHH24:
+        AppendNumber(out, e.tm_hour, 2);
+        break;
       case Tok::kHH12:
-      case Tok::kHH: AppendNumber(out, hour12, 2); break;
+      case Tok::kHH:
+        AppendNumber(out, hour12, 2);
+        break;
       case Tok::kAM:
-      case Tok::kPM: out += e.tm_hour < 12 ? "AM" : "PM"; break;
-      case Tok::kMI: AppendNumber(out, e.tm_min, 2); break;
-      case Tok::kSS: AppendNumber(out, e.tm_sec, 2); break;
-      case Tok::kff: AppendNumber(out, e.tm_usec, 6); break;
-      case Tok::kTZD: out += abbreviation; break;
+      case Tok::kPM:
+        out += e.tm_hour < 12 ? "AM" : "PM";
+        break;
+      case Tok::kMI:
+        AppendNumber(out, e.tm_min, 2);
+        break;
+      case Tok::kSS:
+        AppendNumber(out, e.tm_sec, 2);
+        break;
+      case Tok::kff:
+        AppendNumber(out, e.tm_usec, 6);
+        break;
+      case Tok::kTZD:
+        out += abbreviation;
+        break;
     }
   }
   return out;
@@ -301,10 +373,10 @@ std::string FormatExploded(const PRExplodedTime& e, std::string_view abbreviatio
 struct TimeFields {
   int64_t year = 1970;
   int month = 1, mday = 1, hour = 0, minute = 0, second = 0, usec = 0;
-  int yday = 0;     // 1-366; 0 when not read
-  int wday = 0;     // 1 (Sunday) to 7; 0 when not read
-  int hour12 = 0;   // 1-12; 0 when not read
-  int half = -1;    // 0 AM, 1 PM; -1 when not read
+  int yday = 0;    // 1-366; 0 when not read
+  int wday = 0;    // 1 (Sunday) to 7; 0 when not read
+  int hour12 = 0;  // 1-12; 0 when not read
+  int half = -1;   // 0 AM, 1 PM; -1 when not read
   bool has_month = false, has_mday = false;
   std::string_view zone;  // the TZD text; empty when not read
 };
@@ -325,8 +397,11 @@ bool ReadTimeFields(std::string_view text_view, std::string_view format, TimeFie
     bool ok = true;
     int index = 0;
     switch (item.tok) {
-      case Tok::kEnd: break;
-      case Tok::kLiteral: ok = text.Literal(item.text); break;
+      case Tok::kEnd:
+        break;
+      case Tok::kLiteral:
+        ok = text.Literal(item.text);
+        break;
       case Tok::kYYYY: {
         const bool negative = text.Sign();
         uint64_t v = 0;
@@ -347,26 +422,44 @@ bool ReadTimeFields(std::string_view text_view, std::string_view format, TimeFie
         f.month = index + 1;
         f.has_month = true;
         break;
-      case Tok::kMM: ok = ReadNumber(text, 2, 1, 12, f.month); f.has_month = true; break;
-      case Tok::kDDD: ok = ReadNumber(text, 3, 1, 366, f.yday); break;
+      case Tok::kMM:
+        ok = ReadNumber(text, 2, 1, 12, f.month);
+        f.has_month = true;
+        break;
+      case Tok::kDDD:
+        ok = ReadNumber(text, 3, 1, 366, f.yday);
+        break;
       case Tok::kDAY:
       case Tok::kDY:
         ok = text.Name(kDayNames, 7, item.tok == Tok::kDY, index);
         f.wday = index + 1;
         break;
-      case Tok::kDD: ok = ReadNumber(text, 2, 1, 31, f.mday); f.has_mday = true; break;
-      case Tok::kD: ok = ReadNumber(text, 1, 1, 7, f.wday); break;
-      case Tok::kHH24: ok = ReadNumber(text, 2, 0, 23, f.hour); break;
+      case Tok::kDD:
+        ok = ReadNumber(text, 2, 1, 31, f.mday);
+        f.has_mday = true;
+        break;
+      case Tok::kD:
+        ok = ReadNumber(text, 1, 1, 7, f.wday);
+        break;
+      case Tok::kHH24:
+        ok = ReadNumber(text, 2, 0, 23, f.hour);
+        break;
       case Tok::kHH12:
-      case Tok::kHH: ok = ReadNumber(text, 2, 1, 12, f.hour12); break;
+      case Tok::kHH:
+        ok = ReadNumber(text, 2, 1, 12, f.hour12);
+        break;
       case Tok::kAM:
       case Tok::kPM: {
         static constexpr const char* kHalves[2] = {"AM", "PM"};
         ok = text.Name(kHalves, 2, false, f.half);
         break;
       }
-      case Tok::kMI: ok = ReadNumber(text, 2, 0, 59, f.minute); break;
-      case Tok::kSS: ok = ReadNumber(text, 2, 0, 59, f.second); break;
+      case Tok::kMI:
+        ok = ReadNumber(text, 2, 0, 59, f.minute);
+        break;
+      case Tok::kSS:
+        ok = ReadNumber(text, 2, 0, 59, f.second);
+        break;
       case Tok::kff: {  // a fraction: right-padded to six digits
         uint64_t v = 0;
         int digits = 0;
@@ -478,15 +571,31 @@ constexpr uint64_t kUnitRange[] = {0, 24, 60, 60, 1000000};
 // The unit of a duration token and its printed width.
 Unit UnitOf(Tok t, int& width) {
   switch (t) {
-    case Tok::kD: width = 1; return kDays;
-    case Tok::kDD: width = 2; return kDays;
-    case Tok::kDDD: width = 3; return kDays;
+    case Tok::kD:
+      width = 1;
+      return kDays;
+    case Tok::kDD:
+      width = 2;
+      return kDays;
+    case Tok::kDDD:
+      width = 3;
+      return kDays;
     case Tok::kHH24:
-    case Tok::kHH: width = 2; return kHours;
-    case Tok::kMI: width = 2; return kMinutes;
-    case Tok::kSS: width = 2; return kSeconds;
-    case Tok::kff: width = 6; return kMicros;
-    default: width = 0; return kNoUnit;
+    case Tok::kHH:
+      width = 2;
+      return kHours;
+    case Tok::kMI:
+      width = 2;
+      return kMinutes;
+    case Tok::kSS:
+      width = 2;
+      return kSeconds;
+    case Tok::kff:
+      width = 6;
+      return kMicros;
+    default:
+      width = 0;
+      return kNoUnit;
   }
 }
 
@@ -604,9 +713,8 @@ std::optional<std::string> TimeToString(PRTime time, const char* format, size_t 
   return FormatExploded(e, abbreviation, std::string_view(format, format ? format_length : 0));
 }
 
-bool TimeFromString(const char* text, size_t text_length, const char* format,
-                    size_t format_length, PRTimeParamFn params, PRTime& result, const char* zone,
-                    size_t zone_length) {
+bool TimeFromString(const char* text, size_t text_length, const char* format, size_t format_length,
+                    PRTimeParamFn params, PRTime& result, const char* zone, size_t zone_length) {
   Zone z;
   if (!ChooseZone(std::string_view(zone, zone ? zone_length : 0), params, z)) return false;
   TimeFields f;

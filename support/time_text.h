@@ -99,15 +99,13 @@ class VxTimezoneMap {
 // empty in the zone of `params` (see the header comment). Nothing when the
 // zone name is unknown or the time lies outside the exploded year range.
 std::optional<std::string> TimeToString(PRTime time, const char* format, size_t format_length,
-                                        PRTimeParamFn params, const char* zone,
-                                        size_t zone_length);
+                                        PRTimeParamFn params, const char* zone, size_t zone_length);
 // `text` read with `format` as a local time of the named `zone`, or when the
 // name is empty of the zone of `params`; a TZD in the text overrides both.
 // Returns false, with `result` unchanged, when the text does not fit the
 // format, a value is out of range, or a zone name is unknown.
-bool TimeFromString(const char* text, size_t text_length, const char* format,
-                    size_t format_length, PRTimeParamFn params, PRTime& result, const char* zone,
-                    size_t zone_length);
+bool TimeFromString(const char* text, size_t text_length, const char* format, size_t format_length,
+                    PRTimeParamFn params, PRTime& result, const char* zone, size_t zone_length);
 // A duration (microseconds, as held in a time field) formatted with a
 // duration format. A duration has no zone: `params` is not consulted.
 std::string IntervalToString(PRTime value, const char* format, size_t format_length,

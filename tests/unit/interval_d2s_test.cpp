@@ -17,7 +17,7 @@ namespace vx {
 namespace {
 
 std::vector<int64_t> SampleValues() {
-  std::vector<int64_t> values = {0,         1,         -1,         999999,    -1000000,
+  std::vector<int64_t> values = {0,           1,           -1,        999999,    -1000000,
                                  86399999999, 86400000000, INT64_MAX, INT64_MIN, INT64_MIN + 1};
   std::mt19937_64 random(86400);
   for (int i = 0; i < 20000; ++i) values.push_back(static_cast<int64_t>(random()) >> (i % 63));
@@ -59,7 +59,8 @@ TEST(IntervalD2S, CanonicalTextReadsBackAndFieldsAddUp) {
     EXPECT_LT(std::abs(second), 60);
     EXPECT_LT(std::abs(micro), 1000000);
     for (int64_t f : {day, hour, minute, second, micro}) EXPECT_TRUE(f == 0 || (f < 0) == (v < 0));
-    const __int128 sum = ((((__int128)day * 24 + hour) * 60 + minute) * 60 + second) * 1000000 + micro;
+    const __int128 sum =
+        ((((__int128)day * 24 + hour) * 60 + minute) * 60 + second) * 1000000 + micro;
     EXPECT_EQ(sum, (__int128)v) << text;
 
     // canon is stable.
@@ -123,7 +124,8 @@ TEST(IntervalD2S, NumbersOfUnitsRoundToTheMicrosecondWithinTheRange) {
   };
   for (const Case& c : kCases) {
     IntervalD2S interval;
-    EXPECT_EQ(interval.intd2s_parser_numtods_interval(c.number, c.unit), c.ok) << c.number << c.unit;
+    EXPECT_EQ(interval.intd2s_parser_numtods_interval(c.number, c.unit), c.ok)
+        << c.number << c.unit;
     EXPECT_EQ(interval.IsValid(), c.ok);
     if (!c.ok) continue;
     interval.canon();

@@ -43,8 +43,8 @@ std::string LoadFault(const char* type, const std::string& inputs, const std::st
                       std::string* text = nullptr) {
   testing::QuietLog quiet;
   try {
-    Load(ContextXml(std::string(kDescriptors) + "<Operators>" +
-                    Op("op", type, inputs, outputs) + "</Operators>"));
+    Load(ContextXml(std::string(kDescriptors) + "<Operators>" + Op("op", type, inputs, outputs) +
+                    "</Operators>"));
   } catch (const ExceptionType& e) {
     if (text) *text = e.what();
     const std::string id = e.GetMessage().GetId();
@@ -77,10 +77,14 @@ TEST(TimeOperatorChecks, ToStringAndCalendarFieldsSayWhatTheyExpect) {
   const struct {
     const char* type;
     const char* display;
-  } kFields[] = {{"YearTime", "Time_Year"},         {"MonthTime", "Time_Month"},
-                 {"DayOfYearTime", "Time_DayOfYear"}, {"DayOfMonthTime", "Time_DayOfMonth"},
-                 {"DayOfWeekTime", "Time_DayOfWeek"}, {"HourTime", "Time_Hour"},
-                 {"MinuteTime", "Time_Minute"},     {"SecondTime", "Time_Second"},
+  } kFields[] = {{"YearTime", "Time_Year"},
+                 {"MonthTime", "Time_Month"},
+                 {"DayOfYearTime", "Time_DayOfYear"},
+                 {"DayOfMonthTime", "Time_DayOfMonth"},
+                 {"DayOfWeekTime", "Time_DayOfWeek"},
+                 {"HourTime", "Time_Hour"},
+                 {"MinuteTime", "Time_Minute"},
+                 {"SecondTime", "Time_Second"},
                  {"MicrosecondTime", "Time_Microsecond"}};
   for (const auto& f : kFields) {
     EXPECT_EQ(LoadFault(f.type, In("t"), Out("i")), "") << f.type;
@@ -171,8 +175,9 @@ TEST(TimeOperators, CalendarFieldsOnSeveralThreads) {
       ev->Execute(0, &inputs);
       const CpxTuple& out = *ev->GetOutputTuples()->GetObjectByPos(0);
       results.push_back(std::string(zone) + " " + std::to_string(t) + " " +
-                        (out.HasFieldValue(2) ? std::to_string(CpxTupleField_Integer::GetValue(&out, 2))
-                                              : "NULL") +
+                        (out.HasFieldValue(2)
+                             ? std::to_string(CpxTupleField_Integer::GetValue(&out, 2))
+                             : "NULL") +
                         " " + (out.HasFieldValue(1) ? FieldToText(out, 1) : "NULL"));
     }
   };
@@ -183,8 +188,7 @@ TEST(TimeOperators, CalendarFieldsOnSeveralThreads) {
   for (std::thread& th : threads) th.join();
   for (int s = 0; s < 4; ++s) EXPECT_EQ(together[s], alone[s]);
   // Known values among them: an unknown zone gives NULL, Kolkata is +05:30.
-  EXPECT_NE(std::find(alone[0].begin(), alone[0].end(),
-                      "Nowhere/Land 1700014428000000 NULL NULL"),
+  EXPECT_NE(std::find(alone[0].begin(), alone[0].end(), "Nowhere/Land 1700014428000000 NULL NULL"),
             alone[0].end());
 }
 

@@ -3,6 +3,8 @@
 // foreign zone-parameter function, fixed offsets, zone names and the local
 // zone. The token vocabulary and the reading rules are covered by the XML
 // suites under tests/suites/time.
+#include "support/time_text.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -12,7 +14,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/time_text.h"
 #include "support/tuple.h"
 
 namespace vx {
@@ -48,9 +49,15 @@ bool IsRepeated(PRTime t, const char* zone, bool same_name) {
 }
 
 TEST(TimeText, PrintedTimesReadBackInEveryZone) {
-  const char* const kZones[] = {"America/New_York", "Europe/Berlin",  "Australia/Lord_Howe",
-                                "Asia/Kathmandu",   "Pacific/Apia",   "Europe/Moscow",
-                                "UTC",              "+05:30",         "-09:30"};
+  const char* const kZones[] = {"America/New_York",
+                                "Europe/Berlin",
+                                "Australia/Lord_Howe",
+                                "Asia/Kathmandu",
+                                "Pacific/Apia",
+                                "Europe/Moscow",
+                                "UTC",
+                                "+05:30",
+                                "-09:30"};
   const char* const kFormats[] = {
       "YYYY-MM-DD HH24:MI:SS.ff TZD",
       "DAY DD MONTH YYYY HH12:MI:SS.ff PM TZD",
@@ -83,8 +90,10 @@ TEST(TimeText, PrintedTimesReadBackInEveryZone) {
 TEST(TimeText, TheExplodedYearRangeIsTheLimit) {
   const std::string_view format = "YYYY-MM-DD HH24:MI:SS.ff";
   // The last microsecond of 32767 and the first of -32768, in UTC.
-  const PRTime last = absl::ToUnixMicros(absl::FromCivil(absl::CivilSecond(32768, 1, 1), absl::UTCTimeZone())) - 1;
-  const PRTime first = absl::ToUnixMicros(absl::FromCivil(absl::CivilSecond(-32768, 1, 1), absl::UTCTimeZone()));
+  const PRTime last =
+      absl::ToUnixMicros(absl::FromCivil(absl::CivilSecond(32768, 1, 1), absl::UTCTimeZone())) - 1;
+  const PRTime first =
+      absl::ToUnixMicros(absl::FromCivil(absl::CivilSecond(-32768, 1, 1), absl::UTCTimeZone()));
   EXPECT_EQ(Print(last, format, "UTC"), "32767-12-31 23:59:59.999999");
   EXPECT_EQ(Print(first, format, "UTC"), "-32768-01-01 00:00:00.000000");
   EXPECT_EQ(Read("32767-12-31 23:59:59.999999", format, "UTC"), last);
@@ -127,7 +136,8 @@ TEST(TimeText, AForeignParameterFunctionIsUsedThroughNspr) {
     EXPECT_EQ(*text, *Print(t, format, "", PR_USPacificTimeParameters) +
                          (offset == -7 * 3600 ? " -0700" : " -0800"));
     // The same wall clock as the database's Los Angeles.
-    EXPECT_EQ(Print(t, format, "", PR_USPacificTimeParameters), Print(t, format, "America/Los_Angeles"));
+    EXPECT_EQ(Print(t, format, "", PR_USPacificTimeParameters),
+              Print(t, format, "America/Los_Angeles"));
     // And it reads back, except in the repeated hour of November.
     if (!IsRepeated(t, "America/Los_Angeles", false)) {
       EXPECT_EQ(Read(text->substr(0, 26), format, "", PR_USPacificTimeParameters), t) << *text;
@@ -142,13 +152,17 @@ TEST(TimeText, FixedOffsets) {
     int seconds;
   };
   const Case kCases[] = {
-      {"Z", true, 0},           {"+00", true, 0},           {"-00:00", true, 0},
-      {"+05", true, 18000},     {"-0800", true, -28800},    {"+05:30", true, 19800},
-      {"+0545", true, 20700},   {"-03:30:15", true, -12615}, {"+235959", true, 86399},
-      {"+5", false, 0},         {"+24", false, 0},          {"+05:60", false, 0},
-      {"+0530:15", false, 0},   {"+05:3015", false, 0},     {"+05:3", false, 0},
-      {"05:00", false, 0},      {"+05:", false, 0},         {"UTC+1", false, 0},
-      {"", false, 0},           {"+05:30:00:00", false, 0}, {"z", false, 0},
+      {"Z", true, 0},           {"+00", true, 0},
+      {"-00:00", true, 0},      {"+05", true, 18000},
+      {"-0800", true, -28800},  {"+05:30", true, 19800},
+      {"+0545", true, 20700},   {"-03:30:15", true, -12615},
+      {"+235959", true, 86399}, {"+5", false, 0},
+      {"+24", false, 0},        {"+05:60", false, 0},
+      {"+0530:15", false, 0},   {"+05:3015", false, 0},
+      {"+05:3", false, 0},      {"05:00", false, 0},
+      {"+05:", false, 0},       {"UTC+1", false, 0},
+      {"", false, 0},           {"+05:30:00:00", false, 0},
+      {"z", false, 0},
   };
   for (const Case& c : kCases) {
     int seconds = 12345;
@@ -172,8 +186,8 @@ TEST(TimeText, ZoneNamesStayInsideTheDatabase) {
   // Names in turn, known and unknown, on several threads: each thread keeps
   // its last name, which must never answer for another name.
   auto check = [](int seed) {
-    const char* const kNames[] = {"UTC", "Bogus/Zone", "Asia/Tokyo", "Asia/Tokyo", "Nowhere",
-                                  "America/Chicago"};
+    const char* const kNames[] = {"UTC",        "Bogus/Zone", "Asia/Tokyo",
+                                  "Asia/Tokyo", "Nowhere",    "America/Chicago"};
     for (int i = 0; i < 3000; ++i) {
       const char* name = kNames[(i * 7 + seed) % std::size(kNames)];
       absl::TimeZone z;

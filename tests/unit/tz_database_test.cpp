@@ -103,10 +103,22 @@ std::vector<Sample> Samples(int year, time_t step) {
 
 TEST(TimeZoneDatabase, OffsetsAgreeWithTheCLibrary) {
   const char* const kZones[] = {
-      "America/New_York",   "America/Los_Angeles", "America/St_Johns", "America/Sao_Paulo",
-      "America/Santiago",   "Europe/Berlin",       "Europe/London",    "Europe/Moscow",
-      "Africa/Casablanca",  "Asia/Kolkata",        "Asia/Kathmandu",   "Asia/Tehran",
-      "Australia/Sydney",   "Australia/Lord_Howe", "Pacific/Chatham",  "Pacific/Apia",
+      "America/New_York",
+      "America/Los_Angeles",
+      "America/St_Johns",
+      "America/Sao_Paulo",
+      "America/Santiago",
+      "Europe/Berlin",
+      "Europe/London",
+      "Europe/Moscow",
+      "Africa/Casablanca",
+      "Asia/Kolkata",
+      "Asia/Kathmandu",
+      "Asia/Tehran",
+      "Australia/Sydney",
+      "Australia/Lord_Howe",
+      "Pacific/Chatham",
+      "Pacific/Apia",
       "UTC",
   };
   const int kYears[] = {1918, 1950, 1971, 1985, 1996, 2007, 2011, 2014, 2024, 2037, 2040, 2100};
@@ -119,8 +131,8 @@ TEST(TimeZoneDatabase, OffsetsAgreeWithTheCLibrary) {
         long offset = 0;
         const std::string expected = GlibcText(s.seconds, offset);
         const PRTime time = static_cast<PRTime>(s.seconds) * 1000000 + 250000;
-        const std::optional<std::string> text = TimeToString(
-            time, kFormat, sizeof kFormat - 1, PR_GMTParameters, zone, zone_length);
+        const std::optional<std::string> text =
+            TimeToString(time, kFormat, sizeof kFormat - 1, PR_GMTParameters, zone, zone_length);
         ASSERT_TRUE(text) << zone << " " << s.seconds;
         ASSERT_EQ(*text, expected) << zone << " at " << s.seconds << " (offset " << offset << ")";
         ++checked;
@@ -172,8 +184,8 @@ TEST(TimeZoneDatabase, GapReadingMatchesMktimeWithTheEarlierOffset) {
     tm.tm_isdst = 0;  // standard time, the offset before a spring change
     const time_t expected = mktime(&tm);
     char text[64];
-    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:00", c.year, c.month, c.day,
-                  c.hour, c.minute);
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:00", c.year, c.month, c.day, c.hour,
+                  c.minute);
     PRTime parsed = 0;
     ASSERT_TRUE(TimeFromString(text, std::strlen(text), kReadFormat, sizeof kReadFormat - 1,
                                PR_GMTParameters, parsed, c.zone, std::strlen(c.zone)));
