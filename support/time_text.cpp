@@ -635,8 +635,13 @@ const std::string& VxTimezoneMap::GetLocalTimezone() {
 
 const absl::TimeZone& VxTimezoneMap::GetLocalZone() {
   static const absl::TimeZone zone = [] {
+    // The process's own TZ is trusted: unlike a zone name from a row, it
+    // may name a zone file by its path (TZ=":/usr/share/zoneinfo/...").
     absl::TimeZone tz = absl::UTCTimeZone();
-    if (!Find(GetLocalTimezone(), tz) && !absl::LoadTimeZone(GetLocalTimezone(), &tz)) {
+    int offset = 0;
+    if (VxTimezoneMap::ParseFixedOffset(GetLocalTimezone(), offset)) {
+      tz = absl::FixedTimeZone(offset);
+    } else if (!absl::LoadTimeZone(GetLocalTimezone(), &tz)) {
       VX_LOG_TEXT(LogLevel::Warning,
                   "The local time zone '{zone}' is not in the time-zone database; local times "
                   "are UTC",
@@ -680,6 +685,10 @@ bool VxTimezoneMap::ParseFixedOffset(std::string_view text, int& seconds) {
 }
 
 bool VxTimezoneMap::Find(std::string_view name, absl::TimeZone& zone) {
+  if (name == GetLocalTimezone()) {
+    zone = GetLocalZone();
+    return true;
+  }
   int offset = 0;
   if (ParseFixedOffset(name, offset)) {
     zone = absl::FixedTimeZone(offset);

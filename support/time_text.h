@@ -87,8 +87,10 @@ class VxTimezoneMap {
   // rule text such as "EST5EDT,M3.2.0,M11.1.0", a missing file) the local
   // zone is UTC, and a warning says so once.
   static const absl::TimeZone& GetLocalZone();
-  // The zone named `name`: a fixed offset, a database name or the local
-  // zone's name. False, with `zone` unchanged, for an unknown name.
+  // The zone named `name`: the local zone's name (whatever TZ holds), a
+  // fixed offset, or a database name (never a path: names starting with '/'
+  // or holding ".." are refused). False, with `zone` unchanged, for an
+  // unknown name.
   static bool Find(std::string_view name, absl::TimeZone& zone);
   // A fixed offset text ("Z", "+05", "-0800", "+05:30", "+05:30:15") as
   // seconds east of UTC; hours up to 23, minutes and seconds up to 59.
