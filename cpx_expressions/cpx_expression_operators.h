@@ -788,6 +788,10 @@ using CpxExpressionOperator_ToString_Engine =
   VX_DEFINE_NUMERIC_OPERATOR(Type, Field, Average);           \
   VX_DEFINE_NUMERIC_OPERATOR(Type, Field, Distance);          \
   VX_DEFINE_NUMERIC_OPERATOR(Type, Field, DistanceSquared);   \
+  VX_DEFINE_NUMERIC_COMPARISONS(Type, Field)
+
+// The comparisons and InList, shared with every type ordered like numbers.
+#define VX_DEFINE_NUMERIC_COMPARISONS(Type, Field)            \
   VX_DEFINE_NUMERIC_OPERATOR(Type, Field, Equal);             \
   VX_DEFINE_NUMERIC_OPERATOR(Type, Field, NotEqual);          \
   VX_DEFINE_NUMERIC_OPERATOR(Type, Field, Less);              \
@@ -834,6 +838,10 @@ using CpxExpressionOperator_ToString_Engine =
   VX_NUMERIC_ROW(T, DistanceSquared, "4 or 6 " t, "1 float",                                     \
                  "any NULL input or other input count gives NULL",                                 \
                  "Square of the Euclidean distance between two points."),                          \
+  VX_NUMERIC_COMPARISONS_TABLE(T, t)
+
+// The rows of VX_DEFINE_NUMERIC_COMPARISONS.
+#define VX_NUMERIC_COMPARISONS_TABLE(T, t)                                                         \
   VX_NUMERIC_ROW(T, Equal, "2+ " t, "1 boolean", "any NULL input gives NULL",                     \
                  "True when each input equals the next."),                                         \
   VX_NUMERIC_ROW(T, NotEqual, "2+ " t, "1 boolean", "any NULL input gives NULL",                  \

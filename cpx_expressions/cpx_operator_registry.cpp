@@ -19,6 +19,8 @@ void RegisterAllOperatorFamilies(CpxExpressionOperatorRegistry& registry) {
   RegisterBooleanOperators(registry);
   RegisterStringOperators(registry);
   RegisterBlobOperators(registry);
+  RegisterTimeOperators(registry);
+  RegisterIntervalOperators(registry);
   RegisterAccumulatorOperators(registry);
 }
 

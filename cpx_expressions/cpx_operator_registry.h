@@ -84,6 +84,8 @@ void RegisterFloatOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterBooleanOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterStringOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterBlobOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterTimeOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterIntervalOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterAccumulatorOperators(CpxExpressionOperatorRegistry& registry);
 
 }  // namespace vx

@@ -13,6 +13,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev libxxhash-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libsqlite3-dev
+  tzdata
 )
 
 if ! command -v dpkg-query >/dev/null 2>&1 || ! command -v apt-get >/dev/null 2>&1; then

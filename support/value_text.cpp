@@ -1,13 +1,13 @@
 // Text forms of field values, shared by descriptor defaults, tuple XML, the
 // command line and the conversion operators.
-#include <absl/time/time.h>
-
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 
+#include "support/interval_d2s.h"
+#include "support/time_text.h"
 #include "support/tuple.h"
 
 namespace vx {
@@ -44,7 +44,6 @@ int CopyOut(char* buf, size_t size, std::string_view text) {
 }
 
 constexpr int64_t kMicrosPerSecond = 1000000;
-constexpr int64_t kMicrosPerDay = 86400 * kMicrosPerSecond;
 
 }  // namespace
 
@@ -117,69 +116,43 @@ int CpxTupleField_Float::ToString(char* buf, size_t size, double v, const char* 
 
 // ---- time ----
 
+// The formats of the time text, read and printed in UTC by the shared time
+// formatter. A time outside the formatter's year range prints as "@N".
+namespace {
+constexpr std::string_view kTimeFormat = "YYYY-MM-DD HH24:MI:SS";
+constexpr std::string_view kTimeFractionFormat = "YYYY-MM-DD HH24:MI:SS.ff";
+}  // namespace
+
 bool CpxTupleField_Time::FromString(int64_t& out, std::string_view text) {
   if (!text.empty() && text[0] == '@') return ParseInteger(out, text.substr(1));
-  absl::Time t;
-  std::string err;
-  if (!absl::ParseTime("%Y-%m-%d %H:%M:%E*S", std::string(text), absl::UTCTimeZone(), &t, &err))
-    return false;
-  out = absl::ToUnixMicros(t);
-  return true;
+  for (std::string_view format : {kTimeFractionFormat, kTimeFormat}) {
+    if (TimeFromString(text.data(), text.size(), format.data(), format.size(), PR_GMTParameters,
+                       out, nullptr, 0))
+      return true;
+  }
+  return false;
 }
 
 std::string CpxTupleField_Time::ToString(int64_t v) {
-  absl::Time t = absl::FromUnixMicros(v);
-  bool whole = v % kMicrosPerSecond == 0;
-  return absl::FormatTime(whole ? "%Y-%m-%d %H:%M:%S" : "%Y-%m-%d %H:%M:%E6S", t,
-                          absl::UTCTimeZone());
+  const std::string_view format = v % kMicrosPerSecond == 0 ? kTimeFormat : kTimeFractionFormat;
+  std::optional<std::string> text =
+      TimeToString(v, format.data(), format.size(), PR_GMTParameters, nullptr, 0);
+  return text ? std::move(*text) : "@" + std::to_string(v);
 }
 
 // ---- day-to-second interval ----
 
+// "[-]D HH:MM:SS[.f]", the DAY TO SECOND form of IntervalD2S.
 bool CpxTupleField_IntervalD2S::FromString(int64_t& out, std::string_view text) {
-  // [-]D HH:MM:SS[.f{1,6}]
-  bool negative = false;
-  size_t i = 0;
-  if (i < text.size() && (text[i] == '-' || text[i] == '+')) negative = text[i++] == '-';
-  auto digits = [&](size_t min, size_t max, uint64_t& value) {
-    size_t start = i;
-    value = 0;
-    while (i < text.size() && i - start < max && text[i] >= '0' && text[i] <= '9')
-      value = value * 10 + static_cast<uint64_t>(text[i++] - '0');
-    return i - start >= min;
-  };
-  auto expect = [&](char c) { return i < text.size() && text[i++] == c; };
-  uint64_t days, hours, minutes, seconds, fraction = 0;
-  if (!digits(1, 9, days) || !expect(' ') || !digits(1, 2, hours) || !expect(':') ||
-      !digits(2, 2, minutes) || !expect(':') || !digits(2, 2, seconds))
-    return false;
-  if (hours > 23 || minutes > 59 || seconds > 59) return false;
-  if (i < text.size() && text[i] == '.') {
-    ++i;
-    size_t start = i;
-    if (!digits(1, 6, fraction)) return false;
-    for (size_t n = i - start; n < 6; ++n) fraction *= 10;
-  }
-  if (i != text.size()) return false;
-  uint64_t micros = days * static_cast<uint64_t>(kMicrosPerDay) +
-                    ((hours * 60 + minutes) * 60 + seconds) * kMicrosPerSecond + fraction;
-  out = negative ? -static_cast<int64_t>(micros) : static_cast<int64_t>(micros);
+  IntervalD2S interval;
+  if (!interval.intd2s_parser_day2second(text)) return false;
+  interval.canon();
+  if (!interval.IsValid()) return false;
+  out = interval.GetValue();
   return true;
 }
 
-std::string CpxTupleField_IntervalD2S::ToString(int64_t v) {
-  uint64_t m = v < 0 ? 0 - static_cast<uint64_t>(v) : static_cast<uint64_t>(v);
-  uint64_t days = m / kMicrosPerDay;
-  m %= kMicrosPerDay;
-  uint64_t micros = m % kMicrosPerSecond;
-  uint64_t secs = m / kMicrosPerSecond;
-  char buf[64];
-  std::snprintf(buf, sizeof buf, "%s%llu %02llu:%02llu:%02llu.%06llu", v < 0 ? "-" : "",
-                static_cast<unsigned long long>(days), static_cast<unsigned long long>(secs / 3600),
-                static_cast<unsigned long long>(secs / 60 % 60),
-                static_cast<unsigned long long>(secs % 60), static_cast<unsigned long long>(micros));
-  return buf;
-}
+std::string CpxTupleField_IntervalD2S::ToString(int64_t v) { return IntervalD2S(v).ToString(); }
 
 // ---- blob ----
 

@@ -33,6 +33,38 @@
   M(X, Blob, blob, GetColumnByNameBlob, GetPreferenceBlob)
 #define VX_LOOKUP_TYPE_NAMES(X, Type, type, column, preference) X(column) X(preference)
 
+// Time operators: the time family and the generic operators over time.
+#define VX_TIME_TYPE_NAMES(X)                                                                  \
+  X(NowTime) X(ToStringTime) X(FromStringTime) X(ToStringIntervalTime)                        \
+  X(FromStringIntervalTime) X(MakeTimestampTime) X(TimeMinusTimeToIntervalD2S) X(YearTime)    \
+  X(MonthTime) X(DayOfYearTime) X(DayOfMonthTime) X(DayOfWeekTime) X(HourTime) X(MinuteTime)  \
+  X(SecondTime) X(MicrosecondTime) X(AbsTime) X(AddTime) X(AverageTime) X(SubtractTime)       \
+  X(MultiplyTime) X(MultiplyTimeByFloat) X(MultiplyTimeByInteger) X(MultiplyTimeByLong)       \
+  X(DivideTimeByFloat) X(DivideTimeByInteger) X(DivideTimeByLong) X(DivideTimeByInterval)     \
+  X(DivideTimeByTime) X(DivideTimeByTimeToFloat) X(NegativeTime) X(SignTime) X(MinTime)       \
+  X(MaxTime) X(InListTime) X(EqualTime) X(NotEqualTime) X(GreaterTime) X(GreaterOrEqualTime)  \
+  X(LessTime) X(LessOrEqualTime) X(ToFloatTime) X(ToLongTime) X(FromFloatTime)                \
+  X(FromLongTime)
+
+// Day-to-second interval operators, and time plus or minus an interval.
+#define VX_INTERVAL_TYPE_NAMES(X)                                                              \
+  X(FromStringIntervalD2S) X(ToDSIntervalIntervalD2S) X(ToStringIntervalD2S)                  \
+  X(DayToDSIntervalD2S) X(HourToDSIntervalD2S) X(MinuteToDSIntervalD2S)                       \
+  X(SecondToDSIntervalD2S) X(DayToHourToDSIntervalD2S) X(DayToMinuteToDSIntervalD2S)          \
+  X(DayToSecondToDSIntervalD2S) X(HourToMinuteToDSIntervalD2S)                                \
+  X(HourToSecondToDSIntervalD2S) X(MinuteToSecondToDSIntervalD2S) X(NumToDSIntervalD2S)       \
+  X(ExtractFromIntervalD2S) X(TimePlusIntervalD2S) X(TimeMinusIntervalD2S)                    \
+  X(IntervalD2SPlusTime) X(AbsIntervalD2S) X(AddIntervalD2S) X(SubtractIntervalD2S)           \
+  X(AverageIntervalD2S) X(NegativeIntervalD2S) X(SignIntervalD2S) X(MinIntervalD2S)           \
+  X(MaxIntervalD2S) X(InListIntervalD2S) X(EqualIntervalD2S) X(NotEqualIntervalD2S)           \
+  X(GreaterIntervalD2S) X(GreaterOrEqualIntervalD2S) X(LessIntervalD2S)                       \
+  X(LessOrEqualIntervalD2S) X(MultiplyIntervalD2SByFloat) X(MultiplyIntervalD2SByInteger)     \
+  X(MultiplyIntervalD2SByLong) X(MultiplyFloatByIntervalD2S) X(MultiplyIntegerByIntervalD2S)  \
+  X(MultiplyLongByIntervalD2S) X(DivideIntervalD2SByFloat) X(DivideIntervalD2SByInteger)      \
+  X(DivideIntervalD2SByLong) X(DivideIntervalD2SByIntervalD2SToFloat)                         \
+  X(IntervalModIntervalToInterval) X(ToFloatIntervalD2S) X(ToLongIntervalD2S)                 \
+  X(FromFloatIntervalD2S) X(FromLongIntervalD2S)
+
 // Operator families add their stems to this list.
 #define VX_OPERATOR_TYPE_NAMES(X)                                                              \
   /* control flow */                                                                          \
@@ -95,7 +127,9 @@
   /* blob */                                                                                  \
   X(BlobLength) X(BlobExtract) X(ConcatenateBlob) X(ToStringBlob) X(ToBlobString)             \
   X(ToBase64StringBlob) X(ToBlobBase64) X(EqualBlob) X(NotEqualBlob) X(LessBlob)              \
-  X(LessOrEqualBlob) X(GreaterBlob) X(GreaterOrEqualBlob)
+  X(LessOrEqualBlob) X(GreaterBlob) X(GreaterOrEqualBlob)                                    \
+  /* time and day-to-second interval */                                                       \
+  VX_TIME_TYPE_NAMES(X) VX_INTERVAL_TYPE_NAMES(X)
 
 namespace vx {
 
