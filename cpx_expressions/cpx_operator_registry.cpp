@@ -18,6 +18,7 @@ void RegisterAllOperatorFamilies(CpxExpressionOperatorRegistry& registry) {
   RegisterStringOperators(registry);
   RegisterBlobOperators(registry);
   RegisterAccumulatorOperators(registry);
+  RegisterXmlOperators(registry);
 }
 
 }  // namespace

@@ -77,5 +77,6 @@ void RegisterBooleanOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterStringOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterBlobOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterAccumulatorOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterXmlOperators(CpxExpressionOperatorRegistry& registry);
 
 }  // namespace vx

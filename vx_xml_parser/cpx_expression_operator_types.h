@@ -74,7 +74,12 @@
   /* blob */                                                                                  \
   X(BlobLength) X(BlobExtract) X(ConcatenateBlob) X(ToStringBlob) X(ToBlobString)             \
   X(ToBase64StringBlob) X(ToBlobBase64) X(EqualBlob) X(NotEqualBlob) X(LessBlob)              \
-  X(LessOrEqualBlob) X(GreaterBlob) X(GreaterOrEqualBlob)
+  X(LessOrEqualBlob) X(GreaterBlob) X(GreaterOrEqualBlob)                                    \
+  /* xml */                                                                                   \
+  X(XmlExists) X(XmlExtract) X(XmlExtractValue) X(XPathString) X(XmlAddElementNode)           \
+  X(XmlAddAttributeNode) X(XmlAddChildTextNode) X(XmlAddChildCommentNode) X(XmlAddChildPINode) \
+  X(XmlAddChildrenNodes) X(XmlAddNodes) X(XmlAddNamespaceNode) X(XmlInsertXml) X(XmlUpdateXml) \
+  X(XmlDeleteXml) X(XmlTransform) X(ToStringXml) X(ToXmlString) X(XmlAggAccumulatorXml)
 
 namespace vx {
 
