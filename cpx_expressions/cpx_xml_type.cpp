@@ -507,7 +507,11 @@ class CpxExpressionOperator_XmlAddNamespaceNode_Engine final : public XmlBase {
   // (as the documentation spells it) and "ns-prefix string".
   void InsureValidParameters() const override {
     InsureInputCount<kCount>(*this, 3, 3);
-    InsureKinds({Kind::Xml}, Kind::Xml, Kind::Xml);  // input 0 and the output
+    CpxExpressionOperator_Engine::InsureValidParameters();
+    InsureInputType(0, Kind::Xml);
+    if (GetOutputParameters().size() != 1)
+      VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_OUTPUT_PARAMETERS);
+    InsureOutputType(0, Kind::Xml);
     const XmlQName& string = CpxTupleFieldTypes::StringFieldType();
     if (!CheckFieldType(GetInputParameters(), 1, string))
       VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_SECOND_INPUT_WRONG_TYPE,

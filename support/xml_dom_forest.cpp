@@ -831,15 +831,17 @@ bool XmlDomForest::ToString(std::string& out, XmlDomLog& log, bool format) const
   if (format) options |= XML_SAVE_FORMAT;
   xmlSaveCtxtPtr save = xmlSaveToIO(&AppendToString, nullptr, &out, "UTF-8", options);
   if (!save) throw std::bad_alloc();
-  bool first = true;
+  // Formatting puts top-level nodes on lines of their own, but never next
+  // to text, whose value the line break would change.
+  xmlNodePtr previous = nullptr;
   for (xmlNodePtr n = m_doc->children; n; n = n->next) {
     if (IsDtd(n)) continue;
-    if (format && !first) {
+    if (format && previous && previous->type != XML_TEXT_NODE && n->type != XML_TEXT_NODE) {
       xmlSaveFlush(save);
       out.push_back('\n');
     }
     xmlSaveTree(save, n);
-    first = false;
+    previous = n;
   }
   xmlSaveClose(save);
   if (out.size() - start > g_limits.max_document_bytes) {
@@ -1067,7 +1069,8 @@ bool XmlDomForest::AddAttributeNode(xmlNodePtr element, const char* name, const 
 }
 
 bool XmlDomForest::AddChildTextNode(xmlNodePtr element, const char* text, XmlDomLog&) {
-  xmlNodePtr node = xmlNewDocText(Doc(), X(text ? text : ""));
+  if (!text || !*text) return true;  // an empty text node would not read back
+  xmlNodePtr node = xmlNewDocText(Doc(), X(text));
   if (!node) throw std::bad_alloc();
   xmlAddChild(element, node);
   return true;
