@@ -766,8 +766,9 @@ bool XmlDomForest::Read(const char* text, size_t length, XmlDomLog& log) {
       log.Fail(XmlDomLog::Fault::kRefused, DepthText());
     } else if (errors.find("entity reference loop") != std::string::npos ||
                errors.find("amplification") != std::string::npos) {
-      log.Fail(XmlDomLog::Fault::kRefused,
-               "the value's entity references expand too much (" + scope.Error("") + ")");
+      const std::string first = scope.Error("");
+      log.Fail(XmlDomLog::Fault::kRefused, "the value's entity references expand too much (" +
+                                               first.substr(0, first.find("; ")) + ")");
     } else {
       log.Fail(XmlDomLog::Fault::kMalformed, scope.Error("the text is not XML"));
     }
