@@ -120,14 +120,16 @@ void InsureInputCount(const CpxExpressionOperator_Engine& op, unsigned min, unsi
 constexpr unsigned kAny = ~0u;
 
 // The element that the node builders add to: the forest's single top
-// element. Raises `kText` ("{engine}: Exactly one ..." or its "{engien}"
+// element (comments and processing instructions may stand beside it).
+// Raises `kText` ("{engine}: Exactly one ..." or its "{engien}"
 // form) naming `engine` otherwise.
 template <const char* kText>
 xmlNodePtr SingleTopElement(const XmlDomForest& forest, const char* placeholder,
                             const char* engine, const std::string& operation) {
-  if (!forest.HasExactlyOneTopElement())
+  xmlNodePtr element = forest.GetSingleTopElement();
+  if (!element)
     CpxRaiseXmlText<kText>("Execute", operation, {{placeholder, engine}, {"operation", operation}});
-  return forest.GetTopElement(0);
+  return element;
 }
 
 constexpr char kExactlyOne[] = "{engine}: Exactly one top level element node is expected for {operation}";

@@ -890,10 +890,21 @@ xmlNodePtr XmlDomForest::GetTopElement(size_t i) const {
   return nullptr;
 }
 
-bool XmlDomForest::HasExactlyOneTopElement() const {
-  xmlNodePtr first = GetTopElement(0);
-  return first && first->type == XML_ELEMENT_NODE && GetTopElementsCount() == 1;
+xmlNodePtr XmlDomForest::GetSingleTopElement() const {
+  xmlNodePtr element = nullptr;
+  if (!m_doc) return nullptr;
+  for (xmlNodePtr n = m_doc->children; n; n = n->next) {
+    if (n->type == XML_ELEMENT_NODE) {
+      if (element) return nullptr;
+      element = n;
+    } else if (n->type != XML_COMMENT_NODE && n->type != XML_PI_NODE && !IsDtd(n)) {
+      return nullptr;
+    }
+  }
+  return element;
 }
+
+bool XmlDomForest::HasExactlyOneTopElement() const { return GetSingleTopElement() != nullptr; }
 
 // ---- XPath ----
 
@@ -1272,7 +1283,7 @@ bool XmlXsltStylesheet::Compile(const XmlDomForest& stylesheet, XmlDomLog& log) 
     log.Fail(XmlDomLog::Fault::kTransform, "a stylesheet must be exactly one element");
     return false;
   }
-  xmlNodePtr top = stylesheet.GetTopElement(0);
+  xmlNodePtr top = stylesheet.GetSingleTopElement();
   if (IncludesOrImports(top)) {
     log.Fail(XmlDomLog::Fault::kRefused,
              "a stylesheet may not include or import other stylesheets");

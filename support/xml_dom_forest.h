@@ -146,9 +146,11 @@ class XmlDomForest {
   size_t GetTopElementsCount() const;
   // The i-th top-level node, or null.
   xmlNodePtr GetTopElement(size_t i) const;
-  // True when the forest is exactly one element (nothing beside it but
-  // comments and processing instructions).
+  // True when the forest is exactly one element, with nothing beside it but
+  // comments and processing instructions (as around a document's element).
   bool HasExactlyOneTopElement() const;
+  // That element, or null when HasExactlyOneTopElement is false.
+  xmlNodePtr GetSingleTopElement() const;
 
   // ---- XPath ----
   //

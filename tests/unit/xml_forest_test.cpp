@@ -164,10 +164,15 @@ TEST_F(XmlForest, TopElementsOfAForest) {
   EXPECT_STREQ(reinterpret_cast<const char*>(f.GetTopElement(3)->name), "b");
   EXPECT_EQ(f.GetTopElement(4), nullptr);
   EXPECT_FALSE(f.HasExactlyOneTopElement());
-  ASSERT_TRUE(f.Read("<!DOCTYPE a><a/>", log));
-  EXPECT_TRUE(f.HasExactlyOneTopElement());  // the document type is gone
-  ASSERT_TRUE(f.Read("text", log));
-  EXPECT_FALSE(f.HasExactlyOneTopElement());
+  // One element, with only comments and processing instructions beside it.
+  ASSERT_TRUE(f.Read("<!-- c --><!DOCTYPE a><a/><?p?>", log));
+  EXPECT_TRUE(f.HasExactlyOneTopElement());
+  EXPECT_STREQ(reinterpret_cast<const char*>(f.GetSingleTopElement()->name), "a");
+  for (const char* other : {"text", "<a/>t", "", "<!--c-->"}) {
+    ASSERT_TRUE(f.Read(other, log));
+    EXPECT_FALSE(f.HasExactlyOneTopElement()) << other;
+    EXPECT_EQ(f.GetSingleTopElement(), nullptr);
+  }
 }
 
 TEST_F(XmlForest, EqualValuesHashAlike) {
