@@ -143,7 +143,7 @@ class CpxExpressionOperator_XmlAggAccumulator_Engine final : public CpxExpressio
     std::string& text = t_text;
     text.clear();
     XmlDomLog log;
-    if (!forest.ToString(text, log)) return LogUnwritable(log);
+    if (!CpxTupleField_Xml::ToString(forest, text, log)) return LogUnwritable(log);
     State& state = static_cast<State&>(*ev->GetOperatorState(position));
     if (CpxTupleField_Boolean::GetValue(enter, enter_pos)) {
       state.AddValue(ev->GetPersistentBatch(), text);
