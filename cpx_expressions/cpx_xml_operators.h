@@ -72,6 +72,18 @@ class CpxExpressionOperator_XmlBase_Engine : public CpxExpressionOperator_Scalar
   // that does not compile or evaluate, a text naming the operator otherwise.
   [[noreturn]] void RaiseFault(const XmlDomLog& log, const char* xpath) const;
 
+  // The run of an operator that edits its first input: any NULL input or
+  // an unreadable value gives NULL; otherwise `edit(forest)` changes the
+  // value (returning false for NULL) and the result is written.
+  template <class Edit>
+  void EditFirstInput(CpxExpressionEvaluator_Engine* ev, Edit&& edit) const {
+    const OutputSlot out = GetOutputSlot(ev);
+    if (AnyInputNull(ev)) return out.SetNull();
+    XmlDomForest forest;
+    if (!ReadXml(ev, 0, forest) || !edit(forest)) return out.SetNull();
+    Write(out, std::move(forest));
+  }
+
   // Load-time checks: the types of the inputs (`leading` first, then `rest`
   // for every further input) and one output of `out`.
   void InsureKinds(std::initializer_list<CpxFieldKind> leading, CpxFieldKind rest,

@@ -322,19 +322,17 @@ class CpxExpressionOperator_XmlAddElementNode_Engine final : public XmlBase {
     InsureKinds({Kind::Xml}, Kind::String, Kind::Xml);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    const unsigned n = InputCount();
-    const char* uri = n > 2 ? ReadText(ev, 2) : nullptr;
-    const char* prefix = n > 3 ? ReadText(ev, 3) : nullptr;
-    InsurePrefixHasUri(uri, prefix, GetName());
-    XmlDomForest forest;
-    if (!ReadXml(ev, 0, forest)) return out.SetNull();
-    XmlDomLog log;
-    xmlNodePtr element = forest.AddTopElement(ReadText(ev, 1), uri, prefix, &log);
-    if (element && n > 4) forest.AddChildTextNode(element, ReadText(ev, 4), log);
-    if (log.Failed()) RaiseFault(log, nullptr);
-    Write(out, std::move(forest));
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      const unsigned n = InputCount();
+      const char* uri = n > 2 ? ReadText(ev, 2) : nullptr;
+      const char* prefix = n > 3 ? ReadText(ev, 3) : nullptr;
+      InsurePrefixHasUri(uri, prefix, GetName());
+      XmlDomLog log;
+      xmlNodePtr element = forest.AddTopElement(ReadText(ev, 1), uri, prefix, &log);
+      if (element && n > 4) forest.AddChildTextNode(element, ReadText(ev, 4), log);
+      if (log.Failed()) RaiseFault(log, nullptr);
+      return true;
+    });
   }
 };
 
@@ -349,20 +347,18 @@ class CpxExpressionOperator_XmlAddAttributeNode_Engine final : public XmlBase {
     InsureKinds({Kind::Xml}, Kind::String, Kind::Xml);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    XmlDomForest forest;
-    if (!ReadXml(ev, 0, forest)) return out.SetNull();
-    xmlNodePtr element =
-        SingleTopElement<kExactlyOne>(forest, "engine", "XmlAddAttributeNode_Engine", GetName());
-    const unsigned n = InputCount();
-    const char* uri = n > 3 ? ReadText(ev, 3) : nullptr;
-    const char* prefix = n > 4 ? ReadText(ev, 4) : nullptr;
-    InsurePrefixHasUri(uri, prefix, GetName());
-    XmlDomLog log;
-    if (!forest.AddAttributeNode(element, ReadText(ev, 1), ReadText(ev, 2), uri, prefix, log))
-      RaiseFault(log, nullptr);
-    Write(out, std::move(forest));
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      xmlNodePtr element =
+          SingleTopElement<kExactlyOne>(forest, "engine", "XmlAddAttributeNode_Engine", GetName());
+      const unsigned n = InputCount();
+      const char* uri = n > 3 ? ReadText(ev, 3) : nullptr;
+      const char* prefix = n > 4 ? ReadText(ev, 4) : nullptr;
+      InsurePrefixHasUri(uri, prefix, GetName());
+      XmlDomLog log;
+      if (!forest.AddAttributeNode(element, ReadText(ev, 1), ReadText(ev, 2), uri, prefix, log))
+        RaiseFault(log, nullptr);
+      return true;
+    });
   }
 };
 
@@ -386,20 +382,18 @@ class CpxExpressionOperator_XmlAddChildStrings_Engine : public XmlBase {
   // The comment form reports a forest of other than one element with the
   // text form's engine name.
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    XmlDomForest forest;
-    if (!ReadXml(ev, 0, forest)) return out.SetNull();
-    xmlNodePtr element =
-        SingleTopElement<kExactlyOne>(forest, "engine", "XmlAddChildTextNode", GetName());
-    XmlDomLog log;
-    for (unsigned i = 1; i < InputCount(); ++i) {
-      const char* text = ReadText(ev, i);
-      const bool added = kComment ? forest.AddChildCommentNode(element, text, log)
-                                  : forest.AddChildTextNode(element, text, log);
-      if (!added) RaiseFault(log, nullptr);
-    }
-    Write(out, std::move(forest));
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      xmlNodePtr element =
+          SingleTopElement<kExactlyOne>(forest, "engine", "XmlAddChildTextNode", GetName());
+      XmlDomLog log;
+      for (unsigned i = 1; i < InputCount(); ++i) {
+        const char* text = ReadText(ev, i);
+        const bool added = kComment ? forest.AddChildCommentNode(element, text, log)
+                                    : forest.AddChildTextNode(element, text, log);
+        if (!added) RaiseFault(log, nullptr);
+      }
+      return true;
+    });
   }
 };
 
@@ -426,21 +420,19 @@ class CpxExpressionOperator_XmlAddChildPINode_Engine final : public XmlBase {
     InsureKinds({Kind::Xml}, Kind::String, Kind::Xml);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    XmlDomForest forest;
-    if (!ReadXml(ev, 0, forest)) return out.SetNull();
-    xmlNodePtr element =
-        SingleTopElement<kExactlyOnePI>(forest, "engien", "XmlAddChildPINode", GetName());
-    std::string content;
-    for (unsigned i = 2; i < InputCount(); ++i) {
-      if (i > 2) content += ' ';
-      content += ReadText(ev, i);
-    }
-    XmlDomLog log;
-    if (!forest.AddChildPINode(element, ReadText(ev, 1), content.c_str(), log))
-      RaiseFault(log, nullptr);
-    Write(out, std::move(forest));
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      xmlNodePtr element =
+          SingleTopElement<kExactlyOnePI>(forest, "engien", "XmlAddChildPINode", GetName());
+      std::string content;
+      for (unsigned i = 2; i < InputCount(); ++i) {
+        if (i > 2) content += ' ';
+        content += ReadText(ev, i);
+      }
+      XmlDomLog log;
+      if (!forest.AddChildPINode(element, ReadText(ev, 1), content.c_str(), log))
+        RaiseFault(log, nullptr);
+      return true;
+    });
   }
 };
 
@@ -464,24 +456,22 @@ class CpxExpressionOperator_XmlAddForests_Engine : public XmlBase {
     InsureKinds({Kind::Xml, Kind::Boolean}, Kind::Xml, Kind::Xml);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    XmlDomForest forest;
-    if (!ReadXml(ev, 0, forest)) return out.SetNull();
-    xmlNodePtr element = nullptr;
-    if constexpr (kChildren)
-      element = SingleTopElement<kExactlyOne>(forest, "engine", "XmlAddChildrenNodes", GetName());
-    const bool copy = ReadBool(ev, 1);
-    for (unsigned i = 2; i < InputCount(); ++i) {
-      XmlDomForest added;
-      if (!ReadXml(ev, i, added)) return out.SetNull();
-      if constexpr (kChildren) {
-        forest.AddAsChildElements(element, added, copy);
-      } else {
-        forest.AddAsTopElements(added, copy);
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      xmlNodePtr element = nullptr;
+      if constexpr (kChildren)
+        element = SingleTopElement<kExactlyOne>(forest, "engine", "XmlAddChildrenNodes", GetName());
+      const bool copy = ReadBool(ev, 1);
+      for (unsigned i = 2; i < InputCount(); ++i) {
+        XmlDomForest added;
+        if (!ReadXml(ev, i, added)) return false;
+        if constexpr (kChildren) {
+          forest.AddAsChildElements(element, added, copy);
+        } else {
+          forest.AddAsTopElements(added, copy);
+        }
       }
-    }
-    Write(out, std::move(forest));
+      return true;
+    });
   }
 };
 
@@ -523,16 +513,14 @@ class CpxExpressionOperator_XmlAddNamespaceNode_Engine final : public XmlBase {
                                   {"type_name", "ns-prefix string"});
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    XmlDomForest forest;
-    if (!ReadXml(ev, 0, forest)) return out.SetNull();
-    xmlNodePtr element =
-        SingleTopElement<kExactlyOne>(forest, "engine", "XmlAddNamespaceNode", GetName());
-    XmlDomLog log;
-    if (!forest.AddNamespaceNode(element, ReadText(ev, 1), ReadText(ev, 2), log))
-      RaiseFault(log, nullptr);
-    Write(out, std::move(forest));
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      xmlNodePtr element =
+          SingleTopElement<kExactlyOne>(forest, "engine", "XmlAddNamespaceNode", GetName());
+      XmlDomLog log;
+      if (!forest.AddNamespaceNode(element, ReadText(ev, 1), ReadText(ev, 2), log))
+        RaiseFault(log, nullptr);
+      return true;
+    });
   }
 };
 
@@ -566,17 +554,17 @@ class CpxExpressionOperator_XmlInsertXml_Engine final : public XmlBase {
     InsureKinds({Kind::Xml, Kind::Xml, Kind::String, Kind::String}, Kind::String, Kind::Xml);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    const char* word = ReadText(ev, 3);
-    const std::optional<XmlInsertLocation> location = ParseLocation(word);
-    if (!location) CpxRaiseXmlText<kInvalidLocation>("Execute", GetName(), {{"loc", word}});
-    XmlDomForest forest, inserted;
-    if (!ReadXml(ev, 0, forest) || !ReadXml(ev, 1, inserted)) return out.SetNull();
-    const char* xpath = ReadText(ev, 2);
-    XmlDomLog log;
-    if (!forest.InsertElementsFromXPath(inserted, xpath, *location, log)) RaiseFault(log, xpath);
-    Write(out, std::move(forest));
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      const char* word = ReadText(ev, 3);
+      const std::optional<XmlInsertLocation> location = ParseLocation(word);
+      if (!location) CpxRaiseXmlText<kInvalidLocation>("Execute", GetName(), {{"loc", word}});
+      XmlDomForest inserted;
+      if (!ReadXml(ev, 1, inserted)) return false;
+      const char* xpath = ReadText(ev, 2);
+      XmlDomLog log;
+      if (!forest.InsertElementsFromXPath(inserted, xpath, *location, log)) RaiseFault(log, xpath);
+      return true;
+    });
   }
 };
 
@@ -590,14 +578,14 @@ class CpxExpressionOperator_XmlUpdateXml_Engine final : public XmlBase {
     InsureKinds({Kind::Xml, Kind::Xml, Kind::String}, Kind::String, Kind::Xml);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    XmlDomForest forest, replacement;
-    if (!ReadXml(ev, 0, forest) || !ReadXml(ev, 1, replacement)) return out.SetNull();
-    const char* xpath = ReadText(ev, 2);
-    XmlDomLog log;
-    if (!forest.UpdateElementsFromXPath(replacement, xpath, log)) RaiseFault(log, xpath);
-    Write(out, std::move(forest));
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      XmlDomForest replacement;
+      if (!ReadXml(ev, 1, replacement)) return false;
+      const char* xpath = ReadText(ev, 2);
+      XmlDomLog log;
+      if (!forest.UpdateElementsFromXPath(replacement, xpath, log)) RaiseFault(log, xpath);
+      return true;
+    });
   }
 };
 
@@ -611,14 +599,12 @@ class CpxExpressionOperator_XmlDeleteXml_Engine final : public XmlBase {
     InsureKinds({Kind::Xml, Kind::String}, Kind::String, Kind::Xml);
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned) const override {
-    const OutputSlot out = GetOutputSlot(ev);
-    if (AnyInputNull(ev)) return out.SetNull();
-    XmlDomForest forest;
-    if (!ReadXml(ev, 0, forest)) return out.SetNull();
-    const char* xpath = ReadText(ev, 1);
-    XmlDomLog log;
-    if (!forest.DeleteElementsFromXPath(xpath, log)) RaiseFault(log, xpath);
-    Write(out, std::move(forest));
+    EditFirstInput(ev, [&](XmlDomForest& forest) {
+      const char* xpath = ReadText(ev, 1);
+      XmlDomLog log;
+      if (!forest.DeleteElementsFromXPath(xpath, log)) RaiseFault(log, xpath);
+      return true;
+    });
   }
 };
 

@@ -121,20 +121,15 @@ bool Oversized(size_t size) {
   return true;
 }
 
-void* CountingMalloc(size_t size) {
-  if (!t_budget.active) return g_malloc(size);
+void* CountedMalloc(xmlMallocFunc allocate, size_t size) {
+  if (!t_budget.active) return allocate(size);
   if (Oversized(size)) return nullptr;
-  void* p = g_malloc(size);
+  void* p = allocate(size);
   Charge(p);
   return p;
 }
-void* CountingMallocAtomic(size_t size) {
-  if (!t_budget.active) return g_malloc_atomic(size);
-  if (Oversized(size)) return nullptr;
-  void* p = g_malloc_atomic(size);
-  Charge(p);
-  return p;
-}
+void* CountingMalloc(size_t size) { return CountedMalloc(g_malloc, size); }
+void* CountingMallocAtomic(size_t size) { return CountedMalloc(g_malloc_atomic, size); }
 void* CountingRealloc(void* p, size_t size) {
   if (!t_budget.active) return g_realloc(p, size);
   if (Oversized(size)) return nullptr;
