@@ -186,6 +186,18 @@ class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionT
   }
 };
 
+// ---- XML shredding ----
+
+// Where a caller that walks ("shreds") an XML document row by row stands:
+// the document's root node and the node of the current row. The XML
+// operators that take an XPath alone (XmlExists, XmlExtract,
+// XmlExtractValue) evaluate it from `xml_node`. The caller owns the nodes
+// and the document and keeps them alive while the evaluator runs.
+struct CpxXmlShredderContext {
+  xmlNodePtr root_node = nullptr;
+  xmlNodePtr xml_node = nullptr;
+};
+
 // ---- evaluator ----
 
 class CpxExpressionEvaluator_Engine : public RefCounted {
@@ -249,6 +261,10 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   uint32_t GetTuplesCount() const { return m_tuples_count; }
   const std::vector<void*>& GetOperatorContext() const { return m_operator_context; }
   void SetOperatorContext(const std::vector<void*>& context) { m_operator_context = context; }
+  // The shredding position for this evaluator's runs (not owned; null when
+  // the evaluator is not shredding, which is the default).
+  const CpxXmlShredderContext* GetShredderContext() const { return m_shredder; }
+  void SetShredderContext(const CpxXmlShredderContext* context) { m_shredder = context; }
 
  protected:
   void PrepareTuples(Ptr<CpxTuplesList_Vector>& list, CpxTupleSetKind kind);
@@ -272,6 +288,7 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   bool m_cleanup_on_exit = false;
   uint32_t m_tuples_count = 0;
   std::vector<void*> m_operator_context;
+  const CpxXmlShredderContext* m_shredder = nullptr;
 };
 
 // ---- context parent ----

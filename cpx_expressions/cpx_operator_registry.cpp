@@ -22,6 +22,7 @@ void RegisterAllOperatorFamilies(CpxExpressionOperatorRegistry& registry) {
   RegisterTimeOperators(registry);
   RegisterIntervalOperators(registry);
   RegisterAccumulatorOperators(registry);
+  RegisterXmlOperators(registry);
 }
 
 }  // namespace

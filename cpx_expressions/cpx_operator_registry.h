@@ -87,5 +87,6 @@ void RegisterBlobOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterTimeOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterIntervalOperators(CpxExpressionOperatorRegistry& registry);
 void RegisterAccumulatorOperators(CpxExpressionOperatorRegistry& registry);
+void RegisterXmlOperators(CpxExpressionOperatorRegistry& registry);
 
 }  // namespace vx

@@ -279,8 +279,30 @@ struct CpxTupleField_Blob : CpxTupleField_Bytes<CpxFieldKind::Blob> {
   static bool FromBase64String(char* out, uint32_t& size, std::string_view text);
 };
 
-// The value is the forest's XML text.
-struct CpxTupleField_Xml : CpxTupleField_Bytes<CpxFieldKind::Xml> {};
+class XmlDomForest;
+class XmlDomLog;
+
+// The value is the XML text of a forest (see XmlDomForest), in its
+// canonical form when the engine wrote it: reading and writing back gives
+// the same bytes. The conversions never throw for bad XML; they return
+// false and leave the reason in `log`.
+struct CpxTupleField_Xml : CpxTupleField_Bytes<CpxFieldKind::Xml> {
+  using CpxTupleField_Bytes::SetValue;
+  // Appends the text of `forest` to `out` (`format` indents elements).
+  static bool ToString(const XmlDomForest& forest, std::string& out, XmlDomLog& log,
+                       bool format = false);
+  // Reads `text` into `forest`.
+  static bool FromString(XmlDomForest& forest, std::string_view text, XmlDomLog& log);
+  // Reads the value of field `p` (not NULL) into `forest`.
+  static bool GetValue(PtrView<const CpxTuple> t, unsigned p, XmlDomForest& forest, XmlDomLog& log);
+  // Writes the text of `forest` as the value of field `p` and frees the
+  // forest's document: the result of an operation is written once, never
+  // copied as a document. False, and the field unchanged, when the forest
+  // cannot be written.
+  static bool SetValue(CpxTuple& t, unsigned p, XmlDomForest&& forest, XmlDomLog& log);
+  // The canonical text of XML text; nullopt when it is not XML or refused.
+  static std::optional<std::string> Canonical(std::string_view text, XmlDomLog& log);
+};
 
 // Text form of any field value (see the value-text table in the docs).
 // Returns false (and leaves the field unchanged) when `text` is not a value

@@ -9,6 +9,7 @@
 #include "support/interval_d2s.h"
 #include "support/time_text.h"
 #include "support/tuple.h"
+#include "support/xml_dom_forest.h"
 
 namespace vx {
 namespace {
@@ -229,8 +230,11 @@ std::optional<std::string> ValueBytesFromText(CpxFieldKind kind, std::string_vie
       return v;
     }
     case CpxFieldKind::String:
-    case CpxFieldKind::Xml:
       return std::string(text);
+    case CpxFieldKind::Xml: {
+      XmlDomLog log;  // text that is not XML is not an xml value
+      return CpxTupleField_Xml::Canonical(text, log);
+    }
   }
   return std::nullopt;
 }

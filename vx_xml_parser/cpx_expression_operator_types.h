@@ -30,7 +30,8 @@
   M(X, String, string, GetColumnByNameString, GetPreferenceString)                             \
   M(X, Time, time, GetColumnByNameTime, GetPreferenceTime)                                     \
   M(X, IntervalD2S, interval, GetColumnByNameIntervalD2S, GetPreferenceIntervalD2S)            \
-  M(X, Blob, blob, GetColumnByNameBlob, GetPreferenceBlob)
+  M(X, Blob, blob, GetColumnByNameBlob, GetPreferenceBlob)                                     \
+  M(X, Xml, xml, GetXmlColumnByName, GetXmlPreference)
 #define VX_LOOKUP_TYPE_NAMES(X, Type, type, column, preference) X(column) X(preference)
 
 // Time operators: the time family and the generic operators over time.
@@ -129,7 +130,12 @@
   X(ToBase64StringBlob) X(ToBlobBase64) X(EqualBlob) X(NotEqualBlob) X(LessBlob)              \
   X(LessOrEqualBlob) X(GreaterBlob) X(GreaterOrEqualBlob)                                    \
   /* time and day-to-second interval */                                                       \
-  VX_TIME_TYPE_NAMES(X) VX_INTERVAL_TYPE_NAMES(X)
+  VX_TIME_TYPE_NAMES(X) VX_INTERVAL_TYPE_NAMES(X)                                             \
+  /* xml */                                                                                   \
+  X(XmlExists) X(XmlExtract) X(XmlExtractValue) X(XPathString) X(XmlAddElementNode)           \
+  X(XmlAddAttributeNode) X(XmlAddChildTextNode) X(XmlAddChildCommentNode) X(XmlAddChildPINode) \
+  X(XmlAddChildrenNodes) X(XmlAddNodes) X(XmlAddNamespaceNode) X(XmlInsertXml) X(XmlUpdateXml) \
+  X(XmlDeleteXml) X(XmlTransform) X(ToStringXml) X(ToXmlString) X(XmlAggAccumulatorXml)
 
 namespace vx {
 
