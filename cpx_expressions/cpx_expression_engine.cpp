@@ -83,6 +83,10 @@ bool CpxExpressionOperator_Engine::CheckAllFieldsAvailable(CpxExpressionEvaluato
   return true;
 }
 
+void CpxExpressionOperator_Engine::RaiseParameterOutOfRange(unsigned i, size_t size) const {
+  XmlObject::RaiseIndexOutOfRange(i, size, GetName());
+}
+
 void CpxExpressionOperator_Engine::InsureParameterCounts(int inputs, int outputs) const {
   if (inputs >= 0 && GetInputParameters().size() != static_cast<size_t>(inputs))
     VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
@@ -135,7 +139,7 @@ void CpxExpressionEvaluator_Engine::Prepare() {
   m_dirty = false;
 }
 
-CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::GetOperatorState(
+CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::CreateOperatorState(
     unsigned position) {
   if (position >= m_states.size()) XmlObject::RaiseIndexOutOfRange(position, m_states.size(), "operator states");
   Ptr<CpxExpressionOperatorState_Engine>& state = m_states[position];
@@ -146,11 +150,61 @@ CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::GetOperatorSta
   return state.Get();
 }
 
+namespace {
+
+// The tuples of an evaluator-owned list (or the context's variables), as one
+// array.
+template <class Table>
+void BindList(Table& table, const CpxTuplesList_Vector* list) {
+  if (!list) {
+    table = {};
+    return;
+  }
+  table.tuples = list->GetTupleArray();
+  table.size = list->GetSize();
+}
+
+}  // namespace
+
+void CpxExpressionEvaluator_Engine::BindTupleTables() {
+  TupleTable& in = m_tables[static_cast<unsigned>(CpxTupleSetKind::Input)];
+  if (!m_input) {
+    in = {};
+  } else {
+    in.size = m_input->GetSize();
+    in.tuples = m_input->GetTupleArray();
+    if (!in.tuples && in.size) {
+      m_gathered_input.resize(in.size);
+      for (unsigned i = 0; i < in.size; ++i) m_gathered_input[i] = m_input->GetObjectByPos(i);
+      in.tuples = m_gathered_input.data();
+    }
+  }
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Output)], m_output.Get());
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Constant)], m_constant.Get());
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Temporary)], m_temporary.Get());
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Variable)], GetVariableTuples());
+}
+
+CpxTuple* CpxExpressionEvaluator_Engine::GetTupleAtSlow(CpxTupleSetKind kind, unsigned pos) const {
+  const CpxTuplesList* list = nullptr;
+  switch (kind) {
+    case CpxTupleSetKind::Input: list = m_input; break;
+    case CpxTupleSetKind::Output: list = m_output.Get(); break;
+    case CpxTupleSetKind::Constant: list = m_constant.Get(); break;
+    case CpxTupleSetKind::Temporary: list = m_temporary.Get(); break;
+    case CpxTupleSetKind::Variable: list = GetVariableTuples(); break;
+  }
+  // The list itself answers: its tuple, or its own out-of-range error.
+  if (list) return list->GetObjectByPos(pos);
+  XmlObject::RaiseIndexOutOfRange(pos, 0, std::string(TupleSetKindName(kind)) + " tuples");
+}
+
 void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
                                             PtrView<const CpxTuplesList> input) {
   m_now = now;
   m_input = input.Get();
   m_dirty = true;
+  BindTupleTables();
   const auto& operators = m_context->GetOperators();
   const uint32_t count = operators.GetSize();
   uint32_t p = m_next_operator;
@@ -182,8 +236,7 @@ void CpxExpressionEvaluator_Engine::Reset() {
     if (t.IsUnique()) {
       t->SetTupleType(Message::kPositive);
       t->SetTimestamp(0);
-      t->RemoveAllFields();
-      t->WriteDefaultFields();
+      t->WriteDefaultFields();  // clears every field first
     } else {
       // A caller still holds this tuple: leave it as it is and take a new one.
       m_output->Set(i, descriptors.GetObjectByPos(i)->CreateDefaultTuple());

@@ -56,7 +56,12 @@ CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp)
   if (m_count) {
     m_slots = static_cast<FieldSlot*>(VxMemoryFuncMalloc(sizeof(FieldSlot) * m_count));
     if (!m_slots) throw std::bad_alloc();
-    for (unsigned i = 0; i < m_count; ++i) new (&m_slots[i]) FieldSlot();
+    for (unsigned i = 0; i < m_count; ++i) {
+      FieldSlot* slot = new (&m_slots[i]) FieldSlot();
+      const CpxFieldKind kind = m_td->GetFieldKind(i);
+      slot->variable = IsVariableSizeKind(kind);
+      slot->fixed_size = static_cast<uint8_t>(FixedSizeOfKind(kind));
+    }
   }
 }
 
@@ -65,35 +70,13 @@ CpxTuple::~CpxTuple() {
   VxMemoryFuncFree(m_slots);
 }
 
-CpxTuple::FieldSlot& CpxTuple::Slot(unsigned p) {
-  if (p >= m_count) XmlObject::RaiseIndexOutOfRange(p, m_count, m_td->GetName());
-  return m_slots[p];
-}
-
-const CpxTuple::FieldSlot& CpxTuple::Slot(unsigned p) const {
-  if (p >= m_count) XmlObject::RaiseIndexOutOfRange(p, m_count, m_td->GetName());
-  return m_slots[p];
+void CpxTuple::RaiseFieldOutOfRange(unsigned p) const {
+  XmlObject::RaiseIndexOutOfRange(p, m_count, m_td->GetName());
 }
 
 CpxFieldKind CpxTuple::GetFieldKind(unsigned p) const {
   if (p >= m_count) XmlObject::RaiseIndexOutOfRange(p, m_count, m_td->GetName());
   return m_td->GetFieldKind(p);
-}
-
-const void* CpxTuple::GetFieldValue(unsigned p) const {
-  const FieldSlot& s = Slot(p);
-  if (!s.present) return nullptr;
-  return IsVariableSizeKind(m_td->GetFieldKind(p)) ? static_cast<const void*>(s.var) : s.fixed;
-}
-
-const void* CpxTuple::GetFieldValue(unsigned p, uint32_t& size) const {
-  const FieldSlot& s = Slot(p);
-  if (!s.present) {
-    size = 0;
-    return nullptr;
-  }
-  size = s.size;
-  return IsVariableSizeKind(m_td->GetFieldKind(p)) ? static_cast<const void*>(s.var) : s.fixed;
 }
 
 unsigned char* CpxTuple::Reserve(FieldSlot& slot, uint32_t size) {
@@ -113,7 +96,7 @@ void* CpxTuple::AllocateFieldValue(unsigned p, uint32_t size) {
   FieldSlot& s = Slot(p);
   s.present = true;
   s.size = size;
-  if (!IsVariableSizeKind(m_td->GetFieldKind(p))) return s.fixed;
+  if (!s.variable) return s.fixed;
   unsigned char* buf = Reserve(s, size);
   buf[size] = 0;
   return buf;
@@ -121,9 +104,8 @@ void* CpxTuple::AllocateFieldValue(unsigned p, uint32_t size) {
 
 void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
   FieldSlot& s = Slot(p);
-  CpxFieldKind kind = m_td->GetFieldKind(p);
-  if (!IsVariableSizeKind(kind)) {
-    uint32_t fixed = FixedSizeOfKind(kind);
+  if (!s.variable) {
+    const uint32_t fixed = s.fixed_size;
     if (size > fixed) size = fixed;
     std::memset(s.fixed, 0, sizeof s.fixed);
     std::memcpy(s.fixed, bytes, size);
@@ -144,12 +126,6 @@ void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
   s.present = true;
 }
 
-void CpxTuple::ClearFieldValue(unsigned p) {
-  FieldSlot& s = Slot(p);
-  s.present = false;
-  s.size = 0;
-}
-
 void CpxTuple::RemoveAllFields() {
   for (unsigned i = 0; i < m_count; ++i) {
     m_slots[i].present = false;
@@ -158,14 +134,10 @@ void CpxTuple::RemoveAllFields() {
 }
 
 void CpxTuple::WriteDefaultFields() {
-  for (unsigned i = 0; i < m_count; ++i) {
+  RemoveAllFields();
+  for (unsigned i : m_td->m_defaulted) {
     const std::optional<std::string>& d = m_td->GetTupleFieldObject(i)->GetDefaultBytes();
-    if (d) {
-      SetFieldValue(i, static_cast<uint32_t>(d->size()), d->data());
-    } else {
-      m_slots[i].present = false;
-      m_slots[i].size = 0;
-    }
+    SetFieldValue(i, static_cast<uint32_t>(d->size()), d->data());
   }
 }
 
