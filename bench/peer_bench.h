@@ -141,6 +141,14 @@ inline size_t RowCount() {
   return n;
 }
 
+// Timed passes of each benchmark (VX_BENCH_PASSES, 3 by default); the best
+// one counts.
+inline int Passes() {
+  const char* env = std::getenv("VX_BENCH_PASSES");
+  const int v = env ? std::atoi(env) : 0;
+  return v > 0 ? v : 3;
+}
+
 inline uint64_t SplitMix64(uint64_t& x) {
   uint64_t z = (x += 0x9e3779b97f4a7c15u);
   z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9u;

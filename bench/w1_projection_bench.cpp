@@ -184,14 +184,14 @@ void BM_W1_PlainCpp(benchmark::State& state) {
   });
 }
 
-BENCHMARK(BM_W1_Engine)->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W1_Sqlite)->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W1_PlainCpp)->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W1_Engine)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W1_Sqlite)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W1_PlainCpp)->Iterations(Passes())->Unit(benchmark::kMillisecond);
 
 void Summary() {
   const Figure &e = Figures()["engine"], &s = Figures()["sqlite"], &p = Figures()["plain"];
-  std::printf("W1 projection and filter, %zu rows, best of 3 passes (process CPU time):\n",
-              RowCount());
+  std::printf("W1 projection and filter, %zu rows, best of %d passes (process CPU time):\n",
+              RowCount(), Passes());
   PrintFigure("engine", e);
   PrintFigure("SQLite", s);
   PrintFigure("plain C++", p);

@@ -160,14 +160,14 @@ void BM_W2_PlainCpp(benchmark::State& state) {
   TimePasses(state, "plain", static_cast<double>(RowCount()), [] { return PlainPass(nullptr); });
 }
 
-BENCHMARK(BM_W2_Engine)->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W2_Sqlite)->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W2_PlainCpp)->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W2_Engine)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W2_Sqlite)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W2_PlainCpp)->Iterations(Passes())->Unit(benchmark::kMillisecond);
 
 void Summary() {
   const Figure &e = Figures()["engine"], &s = Figures()["sqlite"], &p = Figures()["plain"];
-  std::printf("W2 grouped running aggregates, %zu rows in 1000 groups, best of 3 passes (process CPU time):\n",
-              RowCount());
+  std::printf("W2 grouped running aggregates, %zu rows in 1000 groups, best of %d passes (process CPU time):\n",
+              RowCount(), Passes());
   PrintFigure("engine", e);
   PrintFigure("SQLite", s);
   PrintFigure("plain C++", p);

@@ -305,17 +305,17 @@ void BM_W3_PlainCpp(benchmark::State& state) {
   TimePasses(state, "plain", static_cast<double>(RowCount()), [] { return PlainPass(nullptr); });
 }
 
-BENCHMARK(BM_W3_Engine)->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W3_Sqlite)->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W3_PlainCpp)->Iterations(3)->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W3_EngineStore)->Iterations(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W3_Engine)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W3_Sqlite)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W3_PlainCpp)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_W3_EngineStore)->Iterations(Passes())->Unit(benchmark::kMillisecond);
 
 void Summary() {
   const Figure &e = Figures()["engine"], &s = Figures()["sqlite"], &p = Figures()["plain"],
                &st = Figures()["engine store"];
-  std::printf("W3 sliding window of 100 rows per group, %zu rows in 1000 groups, best pass "
+  std::printf("W3 sliding window of 100 rows per group, %zu rows in 1000 groups, best of %d passes "
               "(process CPU time):\n",
-              RowCount());
+              RowCount(), Passes());
   PrintFigure("engine", e);
   PrintFigure("engine, state in store", st);
   if (st.ran()) std::printf("  store bytes written per row: %.1f\n", st.extra);

@@ -214,6 +214,9 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   // The row whose key fields name this evaluator's group (a copy).
   const Ptr<CpxTuple>& GetGroupTuple() const { return m_group_tuple; }
   void SetGroupTuple(Ptr<CpxTuple> tuple) { m_group_tuple = std::move(tuple); }
+  // The group's key in the form the context's evaluator map compares.
+  std::string_view GetGroupKeyBytes() const { return m_group_key_bytes; }
+  void SetGroupKeyBytes(std::string_view bytes) { m_group_key_bytes.assign(bytes); }
   void SetTuplesCount(uint32_t count) { m_tuples_count = count; }
 
   const CpxExpressionContext_Engine* GetContext() const { return m_context; }
@@ -271,6 +274,7 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   CpxExpressionOperatorState_Engine* CreateOperatorState(unsigned position);
 
   const CpxExpressionContext_Engine* m_context;
+  VxMemoryString m_group_key_bytes;  // read on every lookup: beside the other hot members
   const CpxTupleKey_Engine* m_group_by_key = nullptr;
   CpxPersistentStorageBatch* m_batch = nullptr;
   CpxPersistentStorageKey m_key;
