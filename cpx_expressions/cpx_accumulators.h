@@ -402,14 +402,20 @@ class CpxHashedMultiplicityMap {
 };
 
 // The hashed form with the first value in `Order` at hand, for fixed-size
-// values (Min and Max). A binary heap holds the value of every entry in
-// that order, and may also hold values whose entries are gone: those are
-// dropped when they reach the top, and the whole heap is rebuilt from the
-// entries once it holds twice as many values as there are entries (so its
-// size stays bounded and each change costs O(1) amortized besides the
-// push). Adding is a probe and a push that rarely climbs; removing is a
-// probe, plus pops only when the first value itself leaves. The first value
-// is kept as held by its entry.
+// values (Min and Max). The first value is kept as held by its entry; a new
+// entry replaces it when it comes first. Only when the first value's entry
+// goes is the next one needed, and that is what a binary heap of the values
+// (in `Order`) gives. The heap is built then, from the entries, and kept
+// from there on: each new entry is pushed, and values whose entries have
+// gone stay in it until they reach the top (they are dropped there) or the
+// heap holds twice as many values as there are entries. At that point the
+// heap is rebuilt from the entries, or, when no first value has left since
+// it was last built, given up until one does. So a group that only grows
+// (running aggregates) never pays for a heap; one whose first value leaves
+// again and again (the minimum of an increasing value over a sliding
+// window) keeps its heap and pays O(log n) a change; and a rebuild, O(n),
+// comes at most once per n removals, so every change costs O(1) amortized
+// besides the push.
 template <class Field, class Order>
 class CpxExtremeMultiplicityMap {
   static_assert(!CpxAccumulatorValue<Field>::kBytes);
@@ -421,17 +427,37 @@ class CpxExtremeMultiplicityMap {
   Entry Add(Value v, uint32_t n = 1) {
     const Entry entry = m_counts.Add(v, n);
     if (entry.count == n) {  // a new entry
-      m_heap.push_back(entry.value);
-      std::push_heap(m_heap.begin(), m_heap.end(), HeapOrder{});
+      if (m_heap_kept) {
+        m_heap.push_back(entry.value);
+        std::push_heap(m_heap.begin(), m_heap.end(), HeapOrder{});
+      }
       if (m_counts.Size() == 1 || Order{}(entry.value, m_first)) m_first = entry.value;
     }
     return entry;
   }
   std::optional<Entry> Remove(Value v) {
     const std::optional<Entry> entry = m_counts.Remove(v);
-    if (entry && entry->count == 0) {
-      if (!Order{}(m_first, entry->value) && !Order{}(entry->value, m_first)) SettleFirst();
-      if (m_heap.size() > 2 * size_t{m_counts.Size()} + 32) Rebuild();
+    if (!entry || entry->count > 0) return entry;
+    if (!Order{}(m_first, entry->value) && !Order{}(entry->value, m_first)) {
+      // The first value has left.
+      m_first_left = true;
+      if (!m_heap_kept) Rebuild();
+      while (!m_heap.empty()) {
+        if (const Value* held = m_counts.FindHeld(m_heap.front())) {
+          m_first = *held;
+          break;
+        }
+        std::pop_heap(m_heap.begin(), m_heap.end(), HeapOrder{});
+        m_heap.pop_back();
+      }
+    }
+    if (m_heap_kept && m_heap.size() > 2 * size_t{m_counts.Size()} + 32) {
+      if (m_first_left) {
+        Rebuild();
+      } else {
+        m_heap.clear();
+        m_heap_kept = false;
+      }
     }
     return entry;
   }
@@ -446,27 +472,19 @@ class CpxExtremeMultiplicityMap {
   struct HeapOrder {
     bool operator()(Value a, Value b) const { return Order{}(b, a); }
   };
-  // The first value has left: drops the values on top whose entries are
-  // gone; the top left is the new first value.
-  void SettleFirst() {
-    while (!m_heap.empty()) {
-      if (const Value* held = m_counts.FindHeld(m_heap.front())) {
-        m_first = *held;
-        return;
-      }
-      std::pop_heap(m_heap.begin(), m_heap.end(), HeapOrder{});
-      m_heap.pop_back();
-    }
-  }
   void Rebuild() {
     m_heap.clear();
     m_counts.ForEachUnordered([&](Value v, uint32_t) { m_heap.push_back(v); });
     std::make_heap(m_heap.begin(), m_heap.end(), HeapOrder{});
+    m_heap_kept = true;
+    m_first_left = false;
   }
 
   CpxHashedMultiplicityMap<Field> m_counts;
-  VxMemoryVector<Value> m_heap;
   Value m_first{};
+  bool m_heap_kept = false;   // every entry's value is in the heap
+  bool m_first_left = false;  // a first value has left since the heap was built
+  VxMemoryVector<Value> m_heap;
 };
 
 // ---- state base ----

@@ -128,32 +128,6 @@ uint32_t CpxExpressionEvaluator_Engine::GetMaxOperator() const {
   return m_context->GetOperatorCount();
 }
 
-void CpxExpressionEvaluator_Engine::PrepareTuples(Ptr<CpxTuplesList_Vector>& list,
-                                                  CpxTupleSetKind kind) {
-  list = MakePtr<CpxTuplesList_Vector>();
-  for (const Ptr<CpxTupleDescriptor>& td : m_context->GetDescriptors(kind))
-    list->Add(td->CreateDefaultTuple());
-}
-
-void CpxExpressionEvaluator_Engine::Prepare() {
-  PrepareTuples(m_constant, CpxTupleSetKind::Constant);
-  PrepareTuples(m_temporary, CpxTupleSetKind::Temporary);
-  PrepareTuples(m_output, CpxTupleSetKind::Output);
-  m_states.assign(m_context->GetOperatorCount(), nullptr);
-  m_dirty = false;
-}
-
-CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::CreateOperatorState(
-    unsigned position) {
-  if (position >= m_states.size()) XmlObject::RaiseIndexOutOfRange(position, m_states.size(), "operator states");
-  Ptr<CpxExpressionOperatorState_Engine>& state = m_states[position];
-  if (!state) {
-    state = m_context->GetOperatorByPos(position)->CreateState();
-    if (state && m_batch) state->InitializePersistence(m_batch, m_key, position);
-  }
-  return state.Get();
-}
-
 namespace {
 
 // The tuples of an evaluator-owned list (or the context's variables), as one
@@ -170,6 +144,43 @@ void BindList(Table& table, const CpxTuplesList_Vector* list) {
 
 }  // namespace
 
+void CpxExpressionEvaluator_Engine::PrepareTuples(Ptr<CpxTuplesList_Vector>& list,
+                                                  CpxTupleSetKind kind) {
+  list = MakePtr<CpxTuplesList_Vector>();
+  for (const Ptr<CpxTupleDescriptor>& td : m_context->GetDescriptors(kind))
+    list->Add(td->CreateDefaultTuple());
+}
+
+void CpxExpressionEvaluator_Engine::Prepare() {
+  PrepareTuples(m_constant, CpxTupleSetKind::Constant);
+  PrepareTuples(m_temporary, CpxTupleSetKind::Temporary);
+  PrepareTuples(m_output, CpxTupleSetKind::Output);
+  BindOwnTupleTables();
+  m_states.assign(m_context->GetOperatorCount(), nullptr);
+  m_dirty = false;
+}
+
+CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::CreateOperatorState(
+    unsigned position) {
+  if (position >= m_states.size()) XmlObject::RaiseIndexOutOfRange(position, m_states.size(), "operator states");
+  Ptr<CpxExpressionOperatorState_Engine>& state = m_states[position];
+  if (!state) {
+    state = m_context->GetOperatorByPos(position)->CreateState();
+    if (state && m_batch) state->InitializePersistence(m_batch, m_key, position);
+  }
+  return state.Get();
+}
+
+
+// The evaluator's own lists keep their tuples in place from Prepare on (Reset
+// replaces a tuple in its slot), so their tables are bound once; the input
+// list changes with every run and the variables belong to the context.
+void CpxExpressionEvaluator_Engine::BindOwnTupleTables() {
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Output)], m_output.Get());
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Constant)], m_constant.Get());
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Temporary)], m_temporary.Get());
+}
+
 void CpxExpressionEvaluator_Engine::BindTupleTables() {
   TupleTable& in = m_tables[static_cast<unsigned>(CpxTupleSetKind::Input)];
   if (!m_input) {
@@ -183,9 +194,6 @@ void CpxExpressionEvaluator_Engine::BindTupleTables() {
       in.tuples = m_gathered_input.data();
     }
   }
-  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Output)], m_output.Get());
-  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Constant)], m_constant.Get());
-  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Temporary)], m_temporary.Get());
   BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Variable)], GetVariableTuples());
 }
 
@@ -298,9 +306,11 @@ uint32_t CpxExpressionEvaluator_Engine::ChangeTuplesCount(const CpxTuple& tuple)
 // removes by shifting the rest of a probe run back, so groups that come and
 // go leave no tombstones. It holds one reference to each evaluator.
 struct CpxExpressionContext_Engine::EvaluatorMap {
+  // How a key field is written.
+  enum class Form : uint8_t { kBoolean, kFloat, kBytes, kRaw4, kRaw8 };
   struct Field {
     unsigned pos;
-    CpxFieldKind kind;
+    Form form;
   };
   struct Slot {
     uint64_t hash;
@@ -311,7 +321,15 @@ struct CpxExpressionContext_Engine::EvaluatorMap {
     const CpxTupleDescriptor* td = key->GetDescriptor();
     for (unsigned i = 0; i < key->GetFieldCount(); ++i) {
       const unsigned pos = key->GetField(i).pos;
-      fields.push_back({pos, td->GetFieldKind(pos)});
+      const CpxFieldKind kind = td->GetFieldKind(pos);
+      Form form = kind == CpxFieldKind::Boolean ? Form::kBoolean
+                  : kind == CpxFieldKind::Float ? Form::kFloat
+                  : IsVariableSizeKind(kind)    ? Form::kBytes
+                  : FixedSizeOfKind(kind) == 4  ? Form::kRaw4
+                                                : Form::kRaw8;
+      fields.push_back({pos, form});
+      fixed_bound += 1 + 8;
+      has_bytes = has_bytes || form == Form::kBytes;
     }
   }
   ~EvaluatorMap() {
@@ -323,24 +341,25 @@ struct CpxExpressionContext_Engine::EvaluatorMap {
 
   // The key bytes of `row`, in the reused buffer.
   std::string_view KeyOf(const CpxTuple& row) {
-    size_t total = 0;
-    for (const Field& f : fields) {
-      uint32_t size = 0;
-      const bool present = row.GetFieldValue(f.pos, size) != nullptr;
-      total += 1 + (!present ? 0 : IsVariableSizeKind(f.kind) ? 4 + size : FixedSizeOfKind(f.kind));
+    size_t bound = fixed_bound;
+    if (has_bytes) {
+      for (const Field& f : fields) {
+        uint32_t size = 0;
+        if (f.form == Form::kBytes && row.GetFieldValue(f.pos, size)) bound += 4 + size;
+      }
     }
-    probe.resize(total);
+    if (probe.size() < bound) probe.resize(bound);
     char* out = probe.data();
     for (const Field& f : fields) {
       uint32_t size = 0;
       const void* v = row.GetFieldValue(f.pos, size);
       *out++ = v ? 1 : 0;
       if (!v) continue;
-      switch (f.kind) {
-        case CpxFieldKind::Boolean:
+      switch (f.form) {
+        case Form::kBoolean:
           *out++ = *static_cast<const unsigned char*>(v) == 1 ? 1 : 0;
           break;
-        case CpxFieldKind::Float: {
+        case Form::kFloat: {
           double d;
           std::memcpy(&d, v, sizeof d);
           if (d == 0) d = 0;
@@ -349,20 +368,22 @@ struct CpxExpressionContext_Engine::EvaluatorMap {
           out += sizeof d;
           break;
         }
-        case CpxFieldKind::String:
-        case CpxFieldKind::Blob:
-        case CpxFieldKind::Xml:
+        case Form::kBytes:
           std::memcpy(out, &size, sizeof size);
           if (size) std::memcpy(out + sizeof size, v, size);
           out += sizeof size + size;
           break;
-        default:
-          std::memcpy(out, v, FixedSizeOfKind(f.kind));
-          out += FixedSizeOfKind(f.kind);
+        case Form::kRaw4:
+          std::memcpy(out, v, 4);
+          out += 4;
+          break;
+        case Form::kRaw8:
+          std::memcpy(out, v, 8);
+          out += 8;
           break;
       }
     }
-    return probe;
+    return std::string_view(probe.data(), static_cast<size_t>(out - probe.data()));
   }
 
   // The slot of the group with key bytes `key` (hash `hash`), or the empty
@@ -413,6 +434,8 @@ struct CpxExpressionContext_Engine::EvaluatorMap {
   }
 
   std::vector<Field> fields;
+  size_t fixed_bound = 0;  // the key bytes of the fields but their texts
+  bool has_bytes = false;
   std::string probe;
   VxMemoryVector<Slot> slots;
   size_t size = 0;

@@ -269,6 +269,7 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
     CpxTuple* const* tuples = nullptr;
     unsigned size = 0;
   };
+  void BindOwnTupleTables();
   void BindTupleTables();
   [[gnu::cold, gnu::noinline]] CpxTuple* GetTupleAtSlow(CpxTupleSetKind kind, unsigned pos) const;
   CpxExpressionOperatorState_Engine* CreateOperatorState(unsigned position);
@@ -285,14 +286,14 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   Ptr<CpxTuplesList_Vector> m_temporary;
   Ptr<CpxTuplesList_Vector> m_output;
   VxMemoryVector<Ptr<CpxExpressionOperatorState_Engine>> m_states;
+  TupleTable m_tables[kTupleSetKindCount];
+  VxMemoryVector<CpxTuple*> m_gathered_input;  // an input list without a tuple array
   int64_t m_now = 0;
   uint32_t m_next_operator = 0;
   bool m_dirty = false;
   bool m_cleanup_on_exit = false;
   uint32_t m_tuples_count = 0;
   std::vector<void*> m_operator_context;
-  TupleTable m_tables[kTupleSetKindCount];
-  VxMemoryVector<CpxTuple*> m_gathered_input;  // an input list without a tuple array
 };
 
 // ---- context parent ----

@@ -51,11 +51,16 @@ const char* CpxTupleFieldTypes::Name(CpxFieldKind kind) {
 
 // ---- CpxTuple ----
 
-CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp)
+CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* slot_room)
     : Message(timestamp), m_td(std::move(td)), m_count(m_td->GetFieldCount()) {
   if (m_count) {
-    m_slots = static_cast<FieldSlot*>(VxMemoryFuncMalloc(sizeof(FieldSlot) * m_count));
-    if (!m_slots) throw std::bad_alloc();
+    if (slot_room) {
+      m_slots = static_cast<FieldSlot*>(slot_room);
+    } else {
+      m_slots = static_cast<FieldSlot*>(VxMemoryFuncMalloc(sizeof(FieldSlot) * m_count));
+      if (!m_slots) throw std::bad_alloc();
+      m_own_slots = true;
+    }
     for (unsigned i = 0; i < m_count; ++i) {
       FieldSlot* slot = new (&m_slots[i]) FieldSlot();
       const CpxFieldKind kind = m_td->GetFieldKind(i);
@@ -67,7 +72,31 @@ CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp)
 
 CpxTuple::~CpxTuple() {
   for (unsigned i = 0; i < m_count; ++i) VxMemoryFuncFree(m_slots[i].var);
-  VxMemoryFuncFree(m_slots);
+  if (m_own_slots) VxMemoryFuncFree(m_slots);
+}
+
+// ---- CpxTuple_Writable ----
+
+namespace {
+void* AllocateTuple(size_t size) {
+  void* p = VxMemoryFuncMalloc(size);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+}  // namespace
+
+void* CpxTuple_Writable::operator new(size_t size) { return AllocateTuple(size); }
+void* CpxTuple_Writable::operator new(size_t size, SlotRoom room) {
+  // The slots start right after the object.
+  static_assert(sizeof(CpxTuple_Writable) % alignof(CpxTuple) == 0);
+  return AllocateTuple(size + kSlotSize * room.fields);
+}
+void CpxTuple_Writable::operator delete(void* p) { VxMemoryFuncFree(p); }
+void CpxTuple_Writable::operator delete(void* p, SlotRoom) { VxMemoryFuncFree(p); }
+
+Ptr<CpxTuple> CpxTuple_Writable::Create(Ptr<const CpxTupleDescriptor> td, int64_t timestamp) {
+  const SlotRoom room{td->GetFieldCount()};
+  return Ptr<CpxTuple>(new (room) CpxTuple_Writable(std::move(td), timestamp, room));
 }
 
 void CpxTuple::RaiseFieldOutOfRange(unsigned p) const {
@@ -147,7 +176,7 @@ void CpxTuple::AllocateBuffer(uint32_t size) {
 }
 
 Ptr<CpxTuple> CpxTuple::Copy() const {
-  Ptr<CpxTuple> copy(new CpxTuple_Writable(m_td, GetTimestamp()));
+  Ptr<CpxTuple> copy = CpxTuple_Writable::Create(m_td, GetTimestamp());
   copy->SetTupleType(GetTupleType());
   for (unsigned i = 0; i < m_count; ++i) {
     if (!m_slots[i].present) continue;
@@ -361,7 +390,7 @@ uint32_t CpxTupleDescriptor::CalculateTupleMinimumSize() const {
 }
 
 Ptr<CpxTuple> CpxTupleDescriptor::CreateDefaultTuple(unsigned reserve) const {
-  Ptr<CpxTuple> t(new CpxTuple_Writable(Ptr<const CpxTupleDescriptor>(this), 0));
+  Ptr<CpxTuple> t = CpxTuple_Writable::Create(Ptr<const CpxTupleDescriptor>(this), 0);
   if (reserve) t->AllocateBuffer(reserve);
   t->WriteDefaultFields();
   return t;
@@ -401,7 +430,7 @@ Ptr<CpxTuple> ReadTupleXml(XmlReaderContext& reader, const CpxDescriptorFinder& 
       RaiseBadTuple(reader, "invalid Sign '" + *sign + "' (expected + or -)");
     }
   }
-  Ptr<CpxTuple> tuple(new CpxTuple_Writable(Ptr<const CpxTupleDescriptor>(td), ts));
+  Ptr<CpxTuple> tuple = CpxTuple_Writable::Create(Ptr<const CpxTupleDescriptor>(td), ts);
   tuple->SetTupleType(type);
   bool empty = reader.IsEmptyElement();
   reader.Next();

@@ -174,7 +174,9 @@ class CpxTuple : public Message {
   bool DeserializeBody(const unsigned char* bytes, uint32_t size);
 
  protected:
-  CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp);
+  // `slot_room`: storage for the descriptor's field slots that comes with
+  // the object's own allocation, or nullptr to allocate them apart.
+  CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* slot_room = nullptr);
 
  private:
   struct FieldSlot {
@@ -200,13 +202,34 @@ class CpxTuple : public Message {
   Ptr<const CpxTupleDescriptor> m_td;
   FieldSlot* m_slots = nullptr;
   unsigned m_count = 0;
+  bool m_own_slots = false;  // m_slots is an allocation of its own
+
+ protected:
+  static constexpr size_t kSlotSize = sizeof(FieldSlot);
 };
 
 // The writable tuple that the engine creates for every row it builds.
+// Tuples are allocated through the accounted allocator. Create() makes the
+// object and its field slots one allocation, so that reading a field of a
+// tuple that is out of the cache costs one miss, not two.
 class CpxTuple_Writable final : public CpxTuple {
+  struct SlotRoom {
+    unsigned fields;
+  };
+
  public:
   CpxTuple_Writable(Ptr<const CpxTupleDescriptor> td, int64_t timestamp)
       : CpxTuple(std::move(td), timestamp) {}
+  static Ptr<CpxTuple> Create(Ptr<const CpxTupleDescriptor> td, int64_t timestamp);
+
+  static void* operator new(size_t size);
+  static void operator delete(void* p);
+
+ private:
+  CpxTuple_Writable(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, SlotRoom)
+      : CpxTuple(std::move(td), timestamp, reinterpret_cast<char*>(this) + sizeof(CpxTuple_Writable)) {}
+  static void* operator new(size_t size, SlotRoom room);
+  static void operator delete(void* p, SlotRoom room);
 };
 
 // ---- field classes: typed access to one field of a tuple ----
