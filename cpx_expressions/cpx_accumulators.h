@@ -52,8 +52,15 @@
 #include <string_view>
 #include <type_traits>
 
+#include <absl/container/btree_map.h>
+#include <absl/container/flat_hash_map.h>
+
+#include <algorithm>
+
+#include "cpx_expressions/cpx_count_table.h"
 #include "cpx_expressions/cpx_expression_operators.h"
 #include "cpx_expressions/cpx_order_statistic.h"
+#include "support/hash.h"
 
 namespace vx {
 
@@ -127,6 +134,17 @@ struct CpxAccumulatorValue {
       return Value(k.data(), k.size());
     } else {
       return k;
+    }
+  }
+  // How an entry keyed `key` shows a value `v` equivalent to it. Equal
+  // texts are the same bytes, so a text entry is shown by `v` (which
+  // outlives an erased key); a fixed-size entry by its stored value (the
+  // first added of its equivalents).
+  static Value Held(const Key& key, Value v) {
+    if constexpr (kBytes) {
+      return v;
+    } else {
+      return key;
     }
   }
   // The value's text form, as messages show it.
@@ -209,17 +227,55 @@ struct CpxAccumulatorInput_AnyRow : CpxAccumulatorInput_AnyValue {
 
 // ---- multiplicity maps ----
 
-// An ordered map from a value to the number of live rows that carry it; an
-// entry exists only while its count is at least 1. Same interface as
-// CpxOrderStatisticTree, so a state may hold either.
+// Hash and equality consistent with CpxAccumulatorLess: the values it takes
+// as equivalent (0.0 and -0.0; every NaN) hash alike and are equal.
+// Transparent, so a map keyed by stored text is searched with a view.
+struct CpxAccumulatorHash {
+  using is_transparent = void;
+  template <class V>
+  size_t operator()(const V& v) const {
+    if constexpr (std::is_floating_point_v<V>) {
+      if (std::isnan(v)) return CpxMix64(0x7ff8000000000000u);
+      const double d = v == 0 ? 0.0 : static_cast<double>(v);
+      uint64_t bits;
+      std::memcpy(&bits, &d, sizeof bits);
+      return CpxMix64(bits);
+    } else if constexpr (std::is_arithmetic_v<V>) {
+      return CpxMix64(static_cast<uint64_t>(v));
+    } else {
+      return CpxHashBytes(v.data(), v.size());
+    }
+  }
+};
+struct CpxAccumulatorEqual {
+  using is_transparent = void;
+  template <class A, class B>
+  bool operator()(const A& a, const B& b) const {
+    const CpxAccumulatorLess less;
+    return !less(a, b) && !less(b, a);
+  }
+};
+
+// A map from a value to the number of live rows that carry it; an entry
+// exists only while its count is at least 1. Each entry holds its value as
+// first added of its equivalents (one NaN of many, 0.0 or -0.0) until its
+// count reaches 0. Three forms share one interface (Add, Remove, Count,
+// Empty, Size), so a state picks the one its result needs:
+//   CpxMultiplicityMap         ordered (a B-tree): First, ForEach in order
+//   CpxHashedMultiplicityMap   hashed: for states that never look at order
+//   CpxExtremeMultiplicityMap  hashed, and the first value in an order kept
+//                              by a heap (Min and Max)
+// (CpxOrderStatisticTree has the interface too.)
+
+// The ordered form, for text and bytes (String Min and Max); B-tree nodes
+// hold many entries, so a lookup touches few cache lines.
 template <class Field, class Order = CpxAccumulatorLess>
 class CpxMultiplicityMap {
  public:
   using Value = typename CpxAccumulatorValue<Field>::Value;
   using Key = typename CpxAccumulatorValue<Field>::Key;
 
-  // A value as held (the first one added of its equivalents: one NaN of
-  // many, 0.0 or -0.0) and its count. A text's entry views `v` itself.
+  // A value as held and its count. A text's entry views `v` itself.
   struct Entry {
     Value value;
     uint32_t count;
@@ -230,14 +286,14 @@ class CpxMultiplicityMap {
     auto it = m_map.find(v);
     if (it == m_map.end()) it = m_map.emplace(CpxAccumulatorValue<Field>::Own(v), 0).first;
     it->second += n;
-    return {Held(it->first, v), it->second};
+    return {CpxAccumulatorValue<Field>::Held(it->first, v), it->second};
   }
   // Removes one row of `v`: its entry with the count left (0 when the entry
   // is gone), or nothing when `v` is not held.
   std::optional<Entry> Remove(Value v) {
     auto it = m_map.find(v);
     if (it == m_map.end()) return std::nullopt;
-    const Entry entry{Held(it->first, v), --it->second};
+    const Entry entry{CpxAccumulatorValue<Field>::Held(it->first, v), --it->second};
     if (entry.count == 0) m_map.erase(it);
     return entry;
   }
@@ -256,17 +312,179 @@ class CpxMultiplicityMap {
   }
 
  private:
-  // Equal texts are the same bytes, so a text entry is shown by `v` (which
-  // outlives an erased key); a fixed-size entry by its stored value.
-  static Value Held(const Key& key, Value v) {
-    if constexpr (CpxAccumulatorValue<Field>::kBytes) {
-      return v;
+  absl::btree_map<Key, uint32_t, Order, VxMemoryObjectAllocator<std::pair<const Key, uint32_t>>>
+      m_map;
+};
+
+// The hashed form: one probe of an open-addressing table per change. A
+// table that only loses and regains entries (a sliding window) reuses its
+// slots without allocating. Fixed-size values live in a CpxCountTable (the
+// value and its count in one slot); texts in an Abseil flat hash map.
+template <class Field>
+class CpxHashedMultiplicityMap {
+  static constexpr bool kBytes = CpxAccumulatorValue<Field>::kBytes;
+
+ public:
+  using Value = typename CpxAccumulatorValue<Field>::Value;
+  using Key = typename CpxAccumulatorValue<Field>::Key;
+  using Entry = typename CpxMultiplicityMap<Field>::Entry;
+
+  Entry Add(Value v, uint32_t n = 1) {
+    if constexpr (kBytes) {
+      auto it = m_map.find(v);
+      if (it == m_map.end()) it = m_map.emplace(CpxAccumulatorValue<Field>::Own(v), 0).first;
+      it->second += n;
+      return {v, it->second};
     } else {
-      return key;
+      auto& slot = m_map.FindOrInsert(v);
+      slot.count += n;
+      return {slot.value, slot.count};
+    }
+  }
+  std::optional<Entry> Remove(Value v) {
+    if constexpr (kBytes) {
+      auto it = m_map.find(v);
+      if (it == m_map.end()) return std::nullopt;
+      const Entry entry{v, --it->second};
+      if (entry.count == 0) m_map.erase(it);
+      return entry;
+    } else {
+      auto* slot = m_map.Find(v);
+      if (!slot) return std::nullopt;
+      const Entry entry{slot->value, --slot->count};
+      if (entry.count == 0) m_map.Erase(*slot);
+      return entry;
+    }
+  }
+  uint32_t Count(Value v) const {
+    if constexpr (kBytes) {
+      auto it = m_map.find(v);
+      return it == m_map.end() ? 0 : it->second;
+    } else {
+      const auto* slot = m_map.Find(v);
+      return slot ? slot->count : 0;
+    }
+  }
+  // The value held for `v` (equivalent to it), or nullptr.
+  const Key* FindHeld(Value v) const {
+    if constexpr (kBytes) {
+      auto it = m_map.find(v);
+      return it == m_map.end() ? nullptr : &it->first;
+    } else {
+      const auto* slot = m_map.Find(v);
+      return slot ? &slot->value : nullptr;
+    }
+  }
+  bool Empty() const { return Size() == 0; }
+  uint32_t Size() const {
+    if constexpr (kBytes) {
+      return static_cast<uint32_t>(m_map.size());
+    } else {
+      return static_cast<uint32_t>(m_map.Size());
+    }
+  }
+  // Calls fn(value, count) for every entry, in no particular order.
+  template <class Fn>
+  void ForEachUnordered(Fn&& fn) const {
+    if constexpr (kBytes) {
+      for (const auto& [key, count] : m_map) fn(CpxAccumulatorValue<Field>::View(key), count);
+    } else {
+      m_map.ForEach(fn);
     }
   }
 
-  VxMemoryMap<Key, uint32_t, Order> m_map;
+ private:
+  std::conditional_t<kBytes,
+                     absl::flat_hash_map<Key, uint32_t, CpxAccumulatorHash, CpxAccumulatorEqual,
+                                         VxMemoryObjectAllocator<std::pair<const Key, uint32_t>>>,
+                     CpxCountTable<Key, CpxAccumulatorHash, CpxAccumulatorEqual>>
+      m_map;
+};
+
+// The hashed form with the first value in `Order` at hand, for fixed-size
+// values (Min and Max). The first value is kept as held by its entry; a new
+// entry replaces it when it comes first. Only when the first value's entry
+// goes is the next one needed, and that is what a binary heap of the values
+// (in `Order`) gives. The heap is built then, from the entries, and kept
+// from there on: each new entry is pushed, and values whose entries have
+// gone stay in it until they reach the top (they are dropped there) or the
+// heap holds twice as many values as there are entries. At that point the
+// heap is rebuilt from the entries, or, when no first value has left since
+// it was last built, given up until one does. So a group that only grows
+// (running aggregates) never pays for a heap; one whose first value leaves
+// again and again (the minimum of an increasing value over a sliding
+// window) keeps its heap and pays O(log n) a change; and a rebuild, O(n),
+// comes at most once per n removals, so every change costs O(1) amortized
+// besides the push.
+template <class Field, class Order>
+class CpxExtremeMultiplicityMap {
+  static_assert(!CpxAccumulatorValue<Field>::kBytes);
+
+ public:
+  using Value = typename CpxAccumulatorValue<Field>::Value;
+  using Entry = typename CpxHashedMultiplicityMap<Field>::Entry;
+
+  Entry Add(Value v, uint32_t n = 1) {
+    const Entry entry = m_counts.Add(v, n);
+    if (entry.count == n) {  // a new entry
+      if (m_heap_kept) {
+        m_heap.push_back(entry.value);
+        std::push_heap(m_heap.begin(), m_heap.end(), HeapOrder{});
+      }
+      if (m_counts.Size() == 1 || Order{}(entry.value, m_first)) m_first = entry.value;
+    }
+    return entry;
+  }
+  std::optional<Entry> Remove(Value v) {
+    const std::optional<Entry> entry = m_counts.Remove(v);
+    if (!entry || entry->count > 0) return entry;
+    if (!Order{}(m_first, entry->value) && !Order{}(entry->value, m_first)) {
+      // The first value has left.
+      m_first_left = true;
+      if (!m_heap_kept) Rebuild();
+      while (!m_heap.empty()) {
+        if (const Value* held = m_counts.FindHeld(m_heap.front())) {
+          m_first = *held;
+          break;
+        }
+        std::pop_heap(m_heap.begin(), m_heap.end(), HeapOrder{});
+        m_heap.pop_back();
+      }
+    }
+    if (m_heap_kept && m_heap.size() > 2 * size_t{m_counts.Size()} + 32) {
+      if (m_first_left) {
+        Rebuild();
+      } else {
+        m_heap.clear();
+        m_heap_kept = false;
+      }
+    }
+    return entry;
+  }
+  uint32_t Count(Value v) const { return m_counts.Count(v); }
+  bool Empty() const { return m_counts.Empty(); }
+  uint32_t Size() const { return m_counts.Size(); }
+  // The first value in `Order`; the map is not empty.
+  Value First() const { return m_first; }
+
+ private:
+  // std heaps put the greatest first: reversing `Order` puts its first on top.
+  struct HeapOrder {
+    bool operator()(Value a, Value b) const { return Order{}(b, a); }
+  };
+  void Rebuild() {
+    m_heap.clear();
+    m_counts.ForEachUnordered([&](Value v, uint32_t) { m_heap.push_back(v); });
+    std::make_heap(m_heap.begin(), m_heap.end(), HeapOrder{});
+    m_heap_kept = true;
+    m_first_left = false;
+  }
+
+  CpxHashedMultiplicityMap<Field> m_counts;
+  Value m_first{};
+  bool m_heap_kept = false;   // every entry's value is in the heap
+  bool m_first_left = false;  // a first value has left since the heap was built
+  VxMemoryVector<Value> m_heap;
 };
 
 // ---- state base ----
@@ -432,7 +650,7 @@ class CpxSumState final : public CpxAccumulatorState {
 
  private:
   struct NoValues {};
-  [[no_unique_address]] std::conditional_t<kDistinct, Counts<In, CpxMultiplicityMap<In>, 0>,
+  [[no_unique_address]] std::conditional_t<kDistinct, Counts<In, CpxHashedMultiplicityMap<In>, 0>,
                                            NoValues>
       m_values;
   T m_sum{};
@@ -498,7 +716,7 @@ class CpxAvgState final : public CpxAccumulatorState {
     SaveItem(batch, kSumItem + 1, m_count);
   }
   struct NoValues {};
-  [[no_unique_address]] std::conditional_t<kDistinct, Counts<In, CpxMultiplicityMap<In>, 0>,
+  [[no_unique_address]] std::conditional_t<kDistinct, Counts<In, CpxHashedMultiplicityMap<In>, 0>,
                                            NoValues>
       m_values;
   Sum m_sum{};
@@ -634,7 +852,11 @@ class CpxDeviationState final : public CpxAccumulatorState {
     }
   }
 
-  Counts<In, CpxMultiplicityMap<In>, 2> m_values;
+  // StandardDeviation only asks whether a value is held; MeanDeviation walks
+  // the values in ascending order.
+  using Map = std::conditional_t<Kind.squares, CpxHashedMultiplicityMap<In>,
+                                 CpxOrderStatisticTree<T, CpxAccumulatorLess, false>>;
+  Counts<In, Map, 2> m_values;
   uint32_t m_count = 0;
   double m_sum = 0;
   double m_squares = 0;
@@ -675,7 +897,9 @@ class CpxExtremeState final : public CpxAccumulatorState {
 
  private:
   using Order = std::conditional_t<Kind.descending, CpxAccumulatorGreater, CpxAccumulatorLess>;
-  Counts<In, CpxMultiplicityMap<In, Order>, 0> m_values;
+  using Map = std::conditional_t<CpxAccumulatorValue<In>::kBytes, CpxMultiplicityMap<In, Order>,
+                                 CpxExtremeMultiplicityMap<In, Order>>;
+  Counts<In, Map, 0> m_values;
 };
 
 // ---- CountDistinct ----
@@ -705,7 +929,7 @@ class CpxCountDistinctState final : public CpxAccumulatorState {
   }
 
  private:
-  Counts<In, CpxMultiplicityMap<In>, 1> m_values;
+  Counts<In, CpxHashedMultiplicityMap<In>, 1> m_values;
   int32_t m_number = 0;
 };
 

@@ -1,7 +1,11 @@
 #include "cpx_expressions/cpx_expression_engine.h"
 
+#include <cmath>
 #include <cstring>
+#include <limits>
 #include <unordered_map>
+
+#include "support/hash.h"
 
 #include "cpx_expressions/cpx_operator_registry.h"
 
@@ -83,6 +87,10 @@ bool CpxExpressionOperator_Engine::CheckAllFieldsAvailable(CpxExpressionEvaluato
   return true;
 }
 
+void CpxExpressionOperator_Engine::RaiseParameterOutOfRange(unsigned i, size_t size) const {
+  XmlObject::RaiseIndexOutOfRange(i, size, GetName());
+}
+
 void CpxExpressionOperator_Engine::InsureParameterCounts(int inputs, int outputs) const {
   if (inputs >= 0 && GetInputParameters().size() != static_cast<size_t>(inputs))
     VX_RAISE_INVALID_PARAMETERS(VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS);
@@ -120,6 +128,22 @@ uint32_t CpxExpressionEvaluator_Engine::GetMaxOperator() const {
   return m_context->GetOperatorCount();
 }
 
+namespace {
+
+// The tuples of an evaluator-owned list (or the context's variables), as one
+// array.
+template <class Table>
+void BindList(Table& table, const CpxTuplesList_Vector* list) {
+  if (!list) {
+    table = {};
+    return;
+  }
+  table.tuples = list->GetTupleArray();
+  table.size = list->GetSize();
+}
+
+}  // namespace
+
 void CpxExpressionEvaluator_Engine::PrepareTuples(Ptr<CpxTuplesList_Vector>& list,
                                                   CpxTupleSetKind kind) {
   list = MakePtr<CpxTuplesList_Vector>();
@@ -131,11 +155,12 @@ void CpxExpressionEvaluator_Engine::Prepare() {
   PrepareTuples(m_constant, CpxTupleSetKind::Constant);
   PrepareTuples(m_temporary, CpxTupleSetKind::Temporary);
   PrepareTuples(m_output, CpxTupleSetKind::Output);
+  BindOwnTupleTables();
   m_states.assign(m_context->GetOperatorCount(), nullptr);
   m_dirty = false;
 }
 
-CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::GetOperatorState(
+CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::CreateOperatorState(
     unsigned position) {
   if (position >= m_states.size()) XmlObject::RaiseIndexOutOfRange(position, m_states.size(), "operator states");
   Ptr<CpxExpressionOperatorState_Engine>& state = m_states[position];
@@ -154,11 +179,56 @@ void CpxExpressionEvaluator_Engine::RaiseStepLimit(uint64_t limit, uint32_t posi
            {"operator_name", m_context->GetOperatorByPos(position)->GetName()});
 }
 
+// The evaluator's own lists keep their tuples in place from Prepare on (Reset
+// replaces a tuple in its slot), so their tables are bound once; the input
+// list changes with every run and the variables belong to the context.
+void CpxExpressionEvaluator_Engine::BindOwnTupleTables() {
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Output)], m_output.Get());
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Constant)], m_constant.Get());
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Temporary)], m_temporary.Get());
+}
+
+void CpxExpressionEvaluator_Engine::BindTupleTables() {
+  TupleTable& in = m_tables[static_cast<unsigned>(CpxTupleSetKind::Input)];
+  if (!m_input) {
+    in = {};
+  } else {
+    in.size = m_input->GetSize();
+    in.tuples = m_input->GetTupleArray();
+    if (!in.tuples && in.size) {
+      m_gathered_input.resize(in.size);
+      for (unsigned i = 0; i < in.size; ++i) m_gathered_input[i] = m_input->GetObjectByPos(i);
+      in.tuples = m_gathered_input.data();
+    }
+  }
+  BindList(m_tables[static_cast<unsigned>(CpxTupleSetKind::Variable)], GetVariableTuples());
+}
+
+CpxTuple* CpxExpressionEvaluator_Engine::GetTupleAtSlow(CpxTupleSetKind kind, unsigned pos) const {
+  const CpxTuplesList* list = nullptr;
+  switch (kind) {
+    case CpxTupleSetKind::Input: list = m_input; break;
+    case CpxTupleSetKind::Output: list = m_output.Get(); break;
+    case CpxTupleSetKind::Constant: list = m_constant.Get(); break;
+    case CpxTupleSetKind::Temporary: list = m_temporary.Get(); break;
+    case CpxTupleSetKind::Variable: list = GetVariableTuples(); break;
+  }
+  // The list itself answers: its tuple, or its own out-of-range error.
+  if (list) return list->GetObjectByPos(pos);
+  XmlObject::RaiseIndexOutOfRange(pos, 0, std::string(TupleSetKindName(kind)) + " tuples");
+}
+
 void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
                                             PtrView<const CpxTuplesList> input) {
   m_now = now;
   m_input = input.Get();
   m_dirty = true;
+  BindTupleTables();
+  // A group's states are separate objects, likely out of the cache when its
+  // next row comes: asking for all of them now lets their loads overlap
+  // instead of each operator waiting for its own in turn.
+  for (const Ptr<CpxExpressionOperatorState_Engine>& state : m_states)
+    __builtin_prefetch(state.Get());
   const auto& operators = m_context->GetOperators();
   const uint32_t count = operators.GetSize();
   uint32_t p = m_next_operator;
@@ -201,8 +271,7 @@ void CpxExpressionEvaluator_Engine::Reset() {
     if (t.IsUnique()) {
       t->SetTupleType(Message::kPositive);
       t->SetTimestamp(0);
-      t->RemoveAllFields();
-      t->WriteDefaultFields();
+      t->WriteDefaultFields();  // clears every field first
     } else {
       // A caller still holds this tuple: leave it as it is and take a new one.
       m_output->Set(i, descriptors.GetObjectByPos(i)->CreateDefaultTuple());
@@ -232,12 +301,162 @@ uint32_t CpxExpressionEvaluator_Engine::ChangeTuplesCount(const CpxTuple& tuple)
 
 // ---- context ----
 
+// The groups of a grouped context. A group is found by its key bytes: the
+// group-by key fields of a row written one after the other in a form where
+// two rows have the same bytes exactly when the key compares them equal
+// (CompareByKey gives 0). A lookup writes the arriving row's key into a
+// reused buffer, hashes it with a well-mixed 64-bit hash and probes an
+// open-addressing table of (hash, evaluator) slots; the bytes are compared
+// only on a full hash match, with the copy the evaluator keeps. No tuple is
+// built and no stored row is visited. Per field: a NULL is one byte 0; a
+// value is a byte 1 and then
+//   boolean             one byte, 1 for true (a stored byte of 1) and 0 else
+//   integer, long,      the stored bytes
+//   time, interval
+//   float               the stored bytes, with -0.0 written as 0.0 and every
+//                       NaN as one NaN (they compare equal)
+//   string, blob, xml   the byte length (4 bytes) and the bytes
+// The key hash of the engine (CpxTupleKey_Engine::GetHash, h * 5 + byte)
+// stays what it is for its own users; it spreads small integer keys over a
+// few thousand values only, too few for a table of many groups.
+//
+// The table uses linear probing, doubles when it would be half full and
+// removes by shifting the rest of a probe run back, so groups that come and
+// go leave no tombstones. It holds one reference to each evaluator.
 struct CpxExpressionContext_Engine::EvaluatorMap {
-  explicit EvaluatorMap(const CpxTupleKey_Engine* key)
-      : map(16, Hash_Tuple_WithKey{key}, Equal_Tuple_WithKey{key}) {}
-  VxMemoryHashMap<Ptr<CpxTuple>, Ptr<CpxExpressionEvaluator_Engine>, Hash_Tuple_WithKey,
-                  Equal_Tuple_WithKey>
-      map;
+  // How a key field is written.
+  enum class Form : uint8_t { kBoolean, kFloat, kBytes, kRaw4, kRaw8 };
+  struct Field {
+    unsigned pos;
+    Form form;
+  };
+  struct Slot {
+    uint64_t hash;
+    CpxExpressionEvaluator_Engine* evaluator;  // null: the slot is empty
+  };
+
+  explicit EvaluatorMap(const CpxTupleKey_Engine* key) : slots(16, Slot{0, nullptr}) {
+    const CpxTupleDescriptor* td = key->GetDescriptor();
+    for (unsigned i = 0; i < key->GetFieldCount(); ++i) {
+      const unsigned pos = key->GetField(i).pos;
+      const CpxFieldKind kind = td->GetFieldKind(pos);
+      Form form = kind == CpxFieldKind::Boolean ? Form::kBoolean
+                  : kind == CpxFieldKind::Float ? Form::kFloat
+                  : IsVariableSizeKind(kind)    ? Form::kBytes
+                  : FixedSizeOfKind(kind) == 4  ? Form::kRaw4
+                                                : Form::kRaw8;
+      fields.push_back({pos, form});
+      fixed_bound += 1 + 8;
+      has_bytes = has_bytes || form == Form::kBytes;
+    }
+  }
+  ~EvaluatorMap() {
+    for (const Slot& s : slots)
+      if (s.evaluator) s.evaluator->Release();
+  }
+  EvaluatorMap(const EvaluatorMap&) = delete;
+  EvaluatorMap& operator=(const EvaluatorMap&) = delete;
+
+  // The key bytes of `row`, in the reused buffer.
+  std::string_view KeyOf(const CpxTuple& row) {
+    size_t bound = fixed_bound;
+    if (has_bytes) {
+      for (const Field& f : fields) {
+        uint32_t size = 0;
+        if (f.form == Form::kBytes && row.GetFieldValue(f.pos, size)) bound += 4 + size;
+      }
+    }
+    if (probe.size() < bound) probe.resize(bound);
+    char* out = probe.data();
+    for (const Field& f : fields) {
+      uint32_t size = 0;
+      const void* v = row.GetFieldValue(f.pos, size);
+      *out++ = v ? 1 : 0;
+      if (!v) continue;
+      switch (f.form) {
+        case Form::kBoolean:
+          *out++ = *static_cast<const unsigned char*>(v) == 1 ? 1 : 0;
+          break;
+        case Form::kFloat: {
+          double d;
+          std::memcpy(&d, v, sizeof d);
+          if (d == 0) d = 0;
+          if (std::isnan(d)) d = std::numeric_limits<double>::quiet_NaN();
+          std::memcpy(out, &d, sizeof d);
+          out += sizeof d;
+          break;
+        }
+        case Form::kBytes:
+          std::memcpy(out, &size, sizeof size);
+          if (size) std::memcpy(out + sizeof size, v, size);
+          out += sizeof size + size;
+          break;
+        case Form::kRaw4:
+          std::memcpy(out, v, 4);
+          out += 4;
+          break;
+        case Form::kRaw8:
+          std::memcpy(out, v, 8);
+          out += 8;
+          break;
+      }
+    }
+    return std::string_view(probe.data(), static_cast<size_t>(out - probe.data()));
+  }
+
+  // The slot of the group with key bytes `key` (hash `hash`), or the empty
+  // slot where it would go.
+  size_t Find(std::string_view key, uint64_t hash) const {
+    const size_t mask = slots.size() - 1;
+    for (size_t i = hash & mask;; i = (i + 1) & mask) {
+      const Slot& s = slots[i];
+      if (!s.evaluator || (s.hash == hash && s.evaluator->GetGroupKeyBytes() == key)) return i;
+    }
+  }
+  // Puts `ev` in the empty slot `i` found for its hash.
+  void Insert(size_t i, uint64_t hash, CpxExpressionEvaluator_Engine* ev) {
+    if (2 * (size + 1) > slots.size()) {
+      Grow();
+      i = Find(ev->GetGroupKeyBytes(), hash);
+    }
+    ev->AddRef();
+    slots[i] = {hash, ev};
+    ++size;
+  }
+  void Erase(size_t hole) {
+    slots[hole].evaluator->Release();
+    const size_t mask = slots.size() - 1;
+    for (size_t j = (hole + 1) & mask;; j = (j + 1) & mask) {
+      const Slot& s = slots[j];
+      if (!s.evaluator) break;
+      const size_t home = s.hash & mask;
+      const bool stays = hole <= j ? (hole < home && home <= j) : (hole < home || home <= j);
+      if (!stays) {
+        slots[hole] = s;
+        hole = j;
+      }
+    }
+    slots[hole] = {0, nullptr};
+    --size;
+  }
+  void Grow() {
+    VxMemoryVector<Slot> old(2 * slots.size(), Slot{0, nullptr});
+    old.swap(slots);
+    const size_t mask = slots.size() - 1;
+    for (const Slot& s : old) {
+      if (!s.evaluator) continue;
+      size_t i = s.hash & mask;
+      while (slots[i].evaluator) i = (i + 1) & mask;
+      slots[i] = s;
+    }
+  }
+
+  std::vector<Field> fields;
+  size_t fixed_bound = 0;  // the key bytes of the fields but their texts
+  bool has_bytes = false;
+  std::string probe;
+  VxMemoryVector<Slot> slots;
+  size_t size = 0;
 };
 
 CpxExpressionContext_Engine::CpxExpressionContext_Engine(std::string name,
@@ -342,17 +561,20 @@ Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::GetEvaluator(con
     }
     return m_single;
   }
-  // The lookup only views the row; the map keeps its own copy of a new
-  // group's row, because callers may reuse their row objects.
-  auto it = m_map->map.find(tuple);
-  if (it != m_map->map.end()) {
-    Ptr<CpxExpressionEvaluator_Engine> ev = it->second;
+  // The lookup only views the row; a new group keeps its own copy of its
+  // first row (its persistent record holds it), because callers may reuse
+  // their row objects.
+  const std::string_view key = m_map->KeyOf(tuple);
+  const uint64_t hash = CpxHashBytes(key.data(), key.size());
+  const size_t slot = m_map->Find(key, hash);
+  if (CpxExpressionEvaluator_Engine* found = m_map->slots[slot].evaluator) {
+    Ptr<CpxExpressionEvaluator_Engine> ev(found);
     if (ev->ChangeTuplesCount(tuple) == 0) {
       uint64_t id = 0;
       if (m_cache && ev->GetPersistentKey().GetTypedValue(m_key.GetValuesNumber() + 1, id))
         m_cache->RemoveRecord(id);
       ev->SetCleanupOnExit(true);
-      m_map->map.erase(it);
+      m_map->Erase(slot);
       --m_group_count;
     }
     return ev;
@@ -360,10 +582,10 @@ Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::GetEvaluator(con
   const uint64_t id = m_cache ? m_cache->NewGroupId() : m_next_group_id++;
   Ptr<CpxExpressionEvaluator_Engine> ev = NewGroupEvaluator(id);
   if (m_cache) m_cache->AddRecord(id);
-  Ptr<CpxTuple> key_row = tuple.Copy();
-  ev->SetGroupTuple(key_row);
+  ev->SetGroupTuple(tuple.Copy());
+  ev->SetGroupKeyBytes(key);
   ev->ChangeTuplesCount(tuple);
-  m_map->map.emplace(std::move(key_row), ev);
+  m_map->Insert(slot, hash, ev.Get());
   ++m_group_count;
   return ev;
 }
@@ -382,13 +604,20 @@ Ptr<CpxExpressionEvaluator_Engine> CpxExpressionContext_Engine::NewGroupEvaluato
 
 void CpxExpressionContext_Engine::InsertGroup(const Ptr<CpxExpressionEvaluator_Engine>& evaluator) {
   if (!m_map) return;
-  if (m_map->map.emplace(evaluator->GetGroupTuple(), evaluator).second) ++m_group_count;
+  const std::string_view key = m_map->KeyOf(*evaluator->GetGroupTuple());
+  const uint64_t hash = CpxHashBytes(key.data(), key.size());
+  const size_t slot = m_map->Find(key, hash);
+  if (m_map->slots[slot].evaluator) return;
+  evaluator->SetGroupKeyBytes(key);
+  m_map->Insert(slot, hash, evaluator.Get());
+  ++m_group_count;
 }
 
 void CpxExpressionContext_Engine::ResetEvaluators() {
   if (m_single) m_single->Reset();
   if (m_map)
-    for (auto& [key, ev] : m_map->map) ev->Reset();
+    for (const EvaluatorMap::Slot& s : m_map->slots)
+      if (s.evaluator) s.evaluator->Reset();
 }
 
 void CpxExpressionContext_Engine::ShutdownEvaluators() {

@@ -171,19 +171,17 @@ class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionT
   void InsureOutputType(unsigned i, CpxFieldKind kind) const;
 
   // The tuple holding the i-th input (output) parameter's field, and the
-  // field's position in it. Raises the index-out-of-range error past the list.
-  CpxTuple* GetInputTupleField(CpxExpressionEvaluator_Engine* evaluator, unsigned i,
-                               unsigned& field_pos) const {
-    const ParamList& in = GetInputParameters();
-    if (i >= in.size()) XmlObject::RaiseIndexOutOfRange(i, in.size(), GetName());
-    return in[i]->GetTupleField(evaluator, field_pos);
-  }
-  CpxTuple* GetOutputTupleField(CpxExpressionEvaluator_Engine* evaluator, unsigned i,
-                                unsigned& field_pos) const {
-    const ParamList& out = GetOutputParameters();
-    if (i >= out.size()) XmlObject::RaiseIndexOutOfRange(i, out.size(), GetName());
-    return out[i]->GetTupleField(evaluator, field_pos);
-  }
+  // field's position in it, during the evaluator's Execute: the reference's
+  // bound positions index the evaluator's tuple tables, with no virtual call
+  // and no name lookup. Raises the index-out-of-range error past the list.
+  VX_ALWAYS_INLINE CpxTuple* GetInputTupleField(CpxExpressionEvaluator_Engine* evaluator,
+                                                unsigned i, unsigned& field_pos) const;
+  VX_ALWAYS_INLINE CpxTuple* GetOutputTupleField(CpxExpressionEvaluator_Engine* evaluator,
+                                                 unsigned i, unsigned& field_pos) const;
+
+ private:
+  [[noreturn, gnu::cold, gnu::noinline]] void RaiseParameterOutOfRange(unsigned i,
+                                                                       size_t size) const;
 };
 
 // ---- XML shredding ----
@@ -232,6 +230,9 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   // The row whose key fields name this evaluator's group (a copy).
   const Ptr<CpxTuple>& GetGroupTuple() const { return m_group_tuple; }
   void SetGroupTuple(Ptr<CpxTuple> tuple) { m_group_tuple = std::move(tuple); }
+  // The group's key in the form the context's evaluator map compares.
+  std::string_view GetGroupKeyBytes() const { return m_group_key_bytes; }
+  void SetGroupKeyBytes(std::string_view bytes) { m_group_key_bytes.assign(bytes); }
   void SetTuplesCount(uint32_t count) { m_tuples_count = count; }
 
   const CpxExpressionContext_Engine* GetContext() const { return m_context; }
@@ -248,7 +249,20 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
 
   // The state of the operator at `position`, created through its
   // CreateState on first use (null for stateless operators).
-  CpxExpressionOperatorState_Engine* GetOperatorState(unsigned position);
+  CpxExpressionOperatorState_Engine* GetOperatorState(unsigned position) {
+    if (position < m_states.size() && m_states[position]) [[likely]]
+      return m_states[position].Get();
+    return CreateOperatorState(position);
+  }
+
+  // The tuple at position `pos` of tuple set `kind` while Execute runs (the
+  // operators' path to their parameters). Raises the index-out-of-range
+  // error of the set's list past its end.
+  VX_ALWAYS_INLINE CpxTuple* GetTupleAt(CpxTupleSetKind kind, unsigned pos) const {
+    const TupleTable& table = m_tables[static_cast<unsigned>(kind)];
+    if (pos >= table.size) [[unlikely]] return GetTupleAtSlow(kind, pos);
+    return table.tuples[pos];
+  }
 
   int64_t GetNow() const { return m_now; }
   uint32_t GetNextOperator() const { return m_next_operator; }
@@ -271,7 +285,18 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
 
  private:
   [[noreturn]] void RaiseStepLimit(uint64_t limit, uint32_t position);
+  // One tuple set as an array, refreshed when Execute starts.
+  struct TupleTable {
+    CpxTuple* const* tuples = nullptr;
+    unsigned size = 0;
+  };
+  void BindOwnTupleTables();
+  void BindTupleTables();
+  [[gnu::cold, gnu::noinline]] CpxTuple* GetTupleAtSlow(CpxTupleSetKind kind, unsigned pos) const;
+  CpxExpressionOperatorState_Engine* CreateOperatorState(unsigned position);
+
   const CpxExpressionContext_Engine* m_context;
+  VxMemoryString m_group_key_bytes;  // read on every lookup: beside the other hot members
   const CpxTupleKey_Engine* m_group_by_key = nullptr;
   CpxPersistentStorageBatch* m_batch = nullptr;
   CpxPersistentStorageKey m_key;
@@ -282,6 +307,8 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   Ptr<CpxTuplesList_Vector> m_temporary;
   Ptr<CpxTuplesList_Vector> m_output;
   VxMemoryVector<Ptr<CpxExpressionOperatorState_Engine>> m_states;
+  TupleTable m_tables[kTupleSetKindCount];
+  VxMemoryVector<CpxTuple*> m_gathered_input;  // an input list without a tuple array
   int64_t m_now = 0;
   uint32_t m_next_operator = 0;
   bool m_dirty = false;
@@ -426,6 +453,24 @@ using CpxVariableTupleFieldRef_Engine = CpxTupleFieldRefKind_Engine<CpxTupleSetK
 
 inline CpxTuplesList_Vector* CpxExpressionEvaluator_Engine::GetVariableTuples() const {
   return m_context->GetVariableTuples();
+}
+
+VX_ALWAYS_INLINE CpxTuple* CpxExpressionOperator_Engine::GetInputTupleField(
+    CpxExpressionEvaluator_Engine* evaluator, unsigned i, unsigned& field_pos) const {
+  const ParamList& in = GetInputParameters();
+  if (i >= in.size()) [[unlikely]] RaiseParameterOutOfRange(i, in.size());
+  const CpxTupleFieldRef_Engine& ref = *in[i];
+  field_pos = ref.GetFieldPos();
+  return evaluator->GetTupleAt(ref.GetKind(), ref.GetTuplePos());
+}
+
+VX_ALWAYS_INLINE CpxTuple* CpxExpressionOperator_Engine::GetOutputTupleField(
+    CpxExpressionEvaluator_Engine* evaluator, unsigned i, unsigned& field_pos) const {
+  const ParamList& out = GetOutputParameters();
+  if (i >= out.size()) [[unlikely]] RaiseParameterOutOfRange(i, out.size());
+  const CpxTupleFieldRef_Engine& ref = *out[i];
+  field_pos = ref.GetFieldPos();
+  return evaluator->GetTupleAt(ref.GetKind(), ref.GetTuplePos());
 }
 
 // ---- key functors over tuples ----

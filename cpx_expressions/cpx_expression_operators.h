@@ -388,7 +388,7 @@ class CpxExpressionOperator_Scalar_Engine : public CpxExpressionOperator_Engine 
     }
   };
 
-  OutputSlot GetOutputSlot(CpxExpressionEvaluator_Engine* ev) const {
+  VX_ALWAYS_INLINE OutputSlot GetOutputSlot(CpxExpressionEvaluator_Engine* ev) const {
     OutputSlot slot{nullptr, 0};
     slot.tuple = GetOutputTupleField(ev, 0, slot.pos);
     return slot;
@@ -396,7 +396,7 @@ class CpxExpressionOperator_Scalar_Engine : public CpxExpressionOperator_Engine 
   // False when input i is NULL; otherwise stores its value in `v` (a view
   // for text and byte fields).
   template <class Field>
-  bool ReadInput(CpxExpressionEvaluator_Engine* ev, unsigned i,
+  VX_ALWAYS_INLINE bool ReadInput(CpxExpressionEvaluator_Engine* ev, unsigned i,
                  typename Field::ValueType& v) const {
     unsigned pos = 0;
     const CpxTuple* t = GetInputTupleField(ev, i, pos);

@@ -128,6 +128,8 @@ class CpxOrderStatisticTree {
       return leaf.values[position];
     }
   }
+  // The smallest element; the tree is not empty.
+  const T& First() const { return At(0); }
   // The elements at `position` and `position + 1` (both below Weight()).
   // The second descent runs over nodes the first has just brought in.
   std::pair<T, T> AtPair(uint64_t position) const { return {At(position), At(position + 1)}; }

@@ -86,7 +86,7 @@ class CpxBytesOutput {
   }
   // Characters [first, end) of the zero-terminated UTF-8 `text`; NULL when
   // the substring writer refuses them.
-  void SetUTF8SubString(const char* text, int64_t first, int64_t end) {
+  void SetUTF8SubString(std::string_view text, int64_t first, int64_t end) {
     m_pending = false;
     if (!CpxTupleField_String::SetUTF8SubString(*m_tuple, m_pos, text, first, end)) SetNull();
   }
@@ -273,6 +273,14 @@ class CpxExpressionOperator_Join_Engine : public CpxExpressionOperator_Scalar_En
     const OutputSlot slot = GetOutputSlot(ev);
     const unsigned n = static_cast<unsigned>(GetInputParameters().size());
     CpxBytesOutput out(slot.tuple, slot.pos);
+    if (n == 1) {  // a copy: no sizing pass
+      std::string_view v;
+      if (!ReadInput<Field>(ev, 0, v) || v.empty()) {
+        if (kEmptyIsNull) return out.SetNull();
+        v = {};
+      }
+      return out.Set(v);
+    }
     uint64_t total = 0;
     for (unsigned i = 0; i < n; ++i) {
       unsigned pos = 0;

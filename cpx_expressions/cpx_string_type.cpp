@@ -25,7 +25,10 @@ using Regex = CpxExpressionOperatorState_Engine_Regex;
 const xmlChar* AsXml(std::string_view s) { return reinterpret_cast<const xmlChar*>(s.data()); }
 
 // The number of characters, or -1 when the text is not UTF-8.
-int64_t CharCount(std::string_view s) { return xmlUTF8Strlen(AsXml(s)); }
+int64_t CharCount(std::string_view s) {
+  if (CpxTupleField_String::IsPlainAscii(s)) return static_cast<int64_t>(s.size());
+  return xmlUTF8Strlen(AsXml(s));
+}
 
 // The character after the one that starts at `p` (continuation bytes are
 // 10xxxxxx; the terminator is not one, so a walk stops there).
@@ -71,7 +74,7 @@ struct SubstrOperation {
     const int64_t end = length ? int64_t{start} + *length : std::max<int64_t>(start, len + 1);
     if (end < start) return out.SetNull();
     if (start > len || end < 1) return out.Set({});
-    out.SetUTF8SubString(s.data(), std::max<int64_t>(start, 1) - 1, std::min(end, len + 1) - 1);
+    out.SetUTF8SubString(s, std::max<int64_t>(start, 1) - 1, std::min(end, len + 1) - 1);
   }
 };
 VX_DEFINE_OPERATOR(
@@ -89,7 +92,7 @@ struct MidOperation {
                         std::optional<int32_t> end) {
     if (start < 1 || start > static_cast<int64_t>(s.size())) return out.SetNull();
     if (end && *end < 1) return out.SetNull();
-    out.SetUTF8SubString(s.data(), start - 1, end ? *end : CharCount(s));
+    out.SetUTF8SubString(s, start - 1, end ? *end : CharCount(s));
   }
 };
 VX_DEFINE_OPERATOR(
@@ -103,14 +106,14 @@ VX_DEFINE_OPERATOR(
 // gives NULL, and Left cuts a count beyond the text to the whole text.
 struct LeftOperation {
   static void Operation(CpxBytesOutput& out, std::string_view s, int32_t n) {
-    out.SetUTF8SubString(s.data(), 0, n);
+    out.SetUTF8SubString(s, 0, n);
   }
 };
 struct RightOperation {
   static void Operation(CpxBytesOutput& out, std::string_view s, int32_t n) {
     const int64_t len = CharCount(s);
     if (len < 0) return out.SetNull();
-    out.SetUTF8SubString(s.data(), len - n, len);
+    out.SetUTF8SubString(s, len - n, len);
   }
 };
 VX_DEFINE_OPERATOR(CpxExpressionOperator_String_Left_Engine, LeftString,
@@ -262,7 +265,10 @@ struct CaseOperation {
   static void Operation(CpxBytesOutput& out, std::string_view s) {
     char* dst = out.Allocate(static_cast<uint32_t>(s.size()));
     std::copy(s.begin(), s.end(), dst);
-    const auto& ctype = std::use_facet<std::ctype<char>>(std::locale());
+    // The facet is looked up once (use_facet costs a dynamic_cast); the
+    // process never changes the global locale.
+    static const std::locale locale;
+    static const std::ctype<char>& ctype = std::use_facet<std::ctype<char>>(locale);
     if constexpr (kUpper) {
       ctype.toupper(dst, dst + s.size());
     } else {

@@ -51,49 +51,61 @@ const char* CpxTupleFieldTypes::Name(CpxFieldKind kind) {
 
 // ---- CpxTuple ----
 
-CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp)
+CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* slot_room)
     : Message(timestamp), m_td(std::move(td)), m_count(m_td->GetFieldCount()) {
   if (m_count) {
-    m_slots = static_cast<FieldSlot*>(VxMemoryFuncMalloc(sizeof(FieldSlot) * m_count));
-    if (!m_slots) throw std::bad_alloc();
-    for (unsigned i = 0; i < m_count; ++i) new (&m_slots[i]) FieldSlot();
+    if (slot_room) {
+      m_slots = static_cast<FieldSlot*>(slot_room);
+    } else {
+      m_slots = static_cast<FieldSlot*>(VxMemoryFuncMalloc(sizeof(FieldSlot) * m_count));
+      if (!m_slots) throw std::bad_alloc();
+      m_own_slots = true;
+    }
+    for (unsigned i = 0; i < m_count; ++i) {
+      FieldSlot* slot = new (&m_slots[i]) FieldSlot();
+      const CpxFieldKind kind = m_td->GetFieldKind(i);
+      slot->variable = IsVariableSizeKind(kind);
+      slot->fixed_size = static_cast<uint8_t>(FixedSizeOfKind(kind));
+    }
   }
 }
 
 CpxTuple::~CpxTuple() {
   for (unsigned i = 0; i < m_count; ++i) VxMemoryFuncFree(m_slots[i].var);
-  VxMemoryFuncFree(m_slots);
+  if (m_own_slots) VxMemoryFuncFree(m_slots);
 }
 
-CpxTuple::FieldSlot& CpxTuple::Slot(unsigned p) {
-  if (p >= m_count) XmlObject::RaiseIndexOutOfRange(p, m_count, m_td->GetName());
-  return m_slots[p];
+// ---- CpxTuple_Writable ----
+
+namespace {
+void* AllocateTuple(size_t size) {
+  void* p = VxMemoryFuncMalloc(size);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+}  // namespace
+
+void* CpxTuple_Writable::operator new(size_t size) { return AllocateTuple(size); }
+void* CpxTuple_Writable::operator new(size_t size, SlotRoom room) {
+  // The slots start right after the object.
+  static_assert(sizeof(CpxTuple_Writable) % alignof(CpxTuple) == 0);
+  return AllocateTuple(size + kSlotSize * room.fields);
+}
+void CpxTuple_Writable::operator delete(void* p) { VxMemoryFuncFree(p); }
+void CpxTuple_Writable::operator delete(void* p, SlotRoom) { VxMemoryFuncFree(p); }
+
+Ptr<CpxTuple> CpxTuple_Writable::Create(Ptr<const CpxTupleDescriptor> td, int64_t timestamp) {
+  const SlotRoom room{td->GetFieldCount()};
+  return Ptr<CpxTuple>(new (room) CpxTuple_Writable(std::move(td), timestamp, room));
 }
 
-const CpxTuple::FieldSlot& CpxTuple::Slot(unsigned p) const {
-  if (p >= m_count) XmlObject::RaiseIndexOutOfRange(p, m_count, m_td->GetName());
-  return m_slots[p];
+void CpxTuple::RaiseFieldOutOfRange(unsigned p) const {
+  XmlObject::RaiseIndexOutOfRange(p, m_count, m_td->GetName());
 }
 
 CpxFieldKind CpxTuple::GetFieldKind(unsigned p) const {
   if (p >= m_count) XmlObject::RaiseIndexOutOfRange(p, m_count, m_td->GetName());
   return m_td->GetFieldKind(p);
-}
-
-const void* CpxTuple::GetFieldValue(unsigned p) const {
-  const FieldSlot& s = Slot(p);
-  if (!s.present) return nullptr;
-  return IsVariableSizeKind(m_td->GetFieldKind(p)) ? static_cast<const void*>(s.var) : s.fixed;
-}
-
-const void* CpxTuple::GetFieldValue(unsigned p, uint32_t& size) const {
-  const FieldSlot& s = Slot(p);
-  if (!s.present) {
-    size = 0;
-    return nullptr;
-  }
-  size = s.size;
-  return IsVariableSizeKind(m_td->GetFieldKind(p)) ? static_cast<const void*>(s.var) : s.fixed;
 }
 
 unsigned char* CpxTuple::Reserve(FieldSlot& slot, uint32_t size) {
@@ -113,7 +125,7 @@ void* CpxTuple::AllocateFieldValue(unsigned p, uint32_t size) {
   FieldSlot& s = Slot(p);
   s.present = true;
   s.size = size;
-  if (!IsVariableSizeKind(m_td->GetFieldKind(p))) return s.fixed;
+  if (!s.variable) return s.fixed;
   if (size > GetVxLimits().max_value_bytes) RaiseValueTooLarge(size);
   unsigned char* buf = Reserve(s, size);
   buf[size] = 0;
@@ -122,9 +134,8 @@ void* CpxTuple::AllocateFieldValue(unsigned p, uint32_t size) {
 
 void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
   FieldSlot& s = Slot(p);
-  CpxFieldKind kind = m_td->GetFieldKind(p);
-  if (!IsVariableSizeKind(kind)) {
-    uint32_t fixed = FixedSizeOfKind(kind);
+  if (!s.variable) {
+    const uint32_t fixed = s.fixed_size;
     if (size > fixed) size = fixed;
     std::memset(s.fixed, 0, sizeof s.fixed);
     std::memcpy(s.fixed, bytes, size);
@@ -146,12 +157,6 @@ void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
   s.present = true;
 }
 
-void CpxTuple::ClearFieldValue(unsigned p) {
-  FieldSlot& s = Slot(p);
-  s.present = false;
-  s.size = 0;
-}
-
 void CpxTuple::RemoveAllFields() {
   for (unsigned i = 0; i < m_count; ++i) {
     m_slots[i].present = false;
@@ -160,14 +165,10 @@ void CpxTuple::RemoveAllFields() {
 }
 
 void CpxTuple::WriteDefaultFields() {
-  for (unsigned i = 0; i < m_count; ++i) {
+  RemoveAllFields();
+  for (unsigned i : m_td->m_defaulted) {
     const std::optional<std::string>& d = m_td->GetTupleFieldObject(i)->GetDefaultBytes();
-    if (d) {
-      SetFieldValue(i, static_cast<uint32_t>(d->size()), d->data());
-    } else {
-      m_slots[i].present = false;
-      m_slots[i].size = 0;
-    }
+    SetFieldValue(i, static_cast<uint32_t>(d->size()), d->data());
   }
 }
 
@@ -177,7 +178,7 @@ void CpxTuple::AllocateBuffer(uint32_t size) {
 }
 
 Ptr<CpxTuple> CpxTuple::Copy() const {
-  Ptr<CpxTuple> copy(new CpxTuple_Writable(m_td, GetTimestamp()));
+  Ptr<CpxTuple> copy = CpxTuple_Writable::Create(m_td, GetTimestamp());
   copy->SetTupleType(GetTupleType());
   for (unsigned i = 0; i < m_count; ++i) {
     if (!m_slots[i].present) continue;
@@ -391,7 +392,7 @@ uint32_t CpxTupleDescriptor::CalculateTupleMinimumSize() const {
 }
 
 Ptr<CpxTuple> CpxTupleDescriptor::CreateDefaultTuple(unsigned reserve) const {
-  Ptr<CpxTuple> t(new CpxTuple_Writable(Ptr<const CpxTupleDescriptor>(this), 0));
+  Ptr<CpxTuple> t = CpxTuple_Writable::Create(Ptr<const CpxTupleDescriptor>(this), 0);
   if (reserve) t->AllocateBuffer(reserve);
   t->WriteDefaultFields();
   return t;
@@ -431,7 +432,7 @@ Ptr<CpxTuple> ReadTupleXml(XmlReaderContext& reader, const CpxDescriptorFinder& 
       RaiseBadTuple(reader, "invalid Sign '" + *sign + "' (expected + or -)");
     }
   }
-  Ptr<CpxTuple> tuple(new CpxTuple_Writable(Ptr<const CpxTupleDescriptor>(td), ts));
+  Ptr<CpxTuple> tuple = CpxTuple_Writable::Create(Ptr<const CpxTupleDescriptor>(td), ts);
   tuple->SetTupleType(type);
   bool empty = reader.IsEmptyElement();
   reader.Next();

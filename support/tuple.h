@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "support/limits.h"
+#include "support/compiler.h"
 #include "support/memory.h"
 #include "support/ptr.h"
 #include "support/xml_object.h"
@@ -92,18 +93,50 @@ class CpxTuple : public Message {
   unsigned GetFieldCount() const { return m_count; }
   CpxFieldKind GetFieldKind(unsigned p) const;
 
-  bool HasFieldValue(unsigned p) const { return Slot(p).present; }
+  // The accessors below run for every parameter of every operator on every
+  // row, so they are inline: a bounds test, then the slot.
+  VX_ALWAYS_INLINE bool HasFieldValue(unsigned p) const { return Slot(p).present; }
   // The stored bytes, or nullptr when the field is NULL.
-  const void* GetFieldValue(unsigned p) const;
-  const void* GetFieldValue(unsigned p, uint32_t& size) const;
+  VX_ALWAYS_INLINE const void* GetFieldValue(unsigned p) const {
+    const FieldSlot& s = Slot(p);
+    if (!s.present) return nullptr;
+    return s.variable ? static_cast<const void*>(s.var) : s.fixed;
+  }
+  VX_ALWAYS_INLINE const void* GetFieldValue(unsigned p, uint32_t& size) const {
+    const FieldSlot& s = Slot(p);
+    if (!s.present) {
+      size = 0;
+      return nullptr;
+    }
+    size = s.size;
+    return s.variable ? static_cast<const void*>(s.var) : s.fixed;
+  }
 
   // Copies `size` bytes as the value (4 for integer; 8 for long, time,
   // interval and float; 1 for boolean; the byte length for the others).
   void SetFieldValue(unsigned p, uint32_t size, const void* bytes);
+  // Stores a fixed-size value of the field's own size (what the typed field
+  // classes write); any other case goes through SetFieldValue.
+  template <class T>
+  VX_ALWAYS_INLINE void SetFixedFieldValue(unsigned p, T v) {
+    static_assert(sizeof(T) <= 8);
+    FieldSlot& s = Slot(p);
+    if (s.variable || s.fixed_size != sizeof(T)) [[unlikely]]
+      return SetFieldValue(p, sizeof(T), &v);
+    uint64_t word = 0;
+    __builtin_memcpy(&word, &v, sizeof(T));
+    __builtin_memcpy(s.fixed, &word, 8);
+    s.size = sizeof(T);
+    s.present = true;
+  }
   // Writable storage of `size` bytes for a value built in place; the field
   // becomes non-NULL.
   void* AllocateFieldValue(unsigned p, uint32_t size);
-  void ClearFieldValue(unsigned p);
+  VX_ALWAYS_INLINE void ClearFieldValue(unsigned p) {
+    FieldSlot& s = Slot(p);
+    s.present = false;
+    s.size = 0;
+  }
   void RemoveAllFields();
   // Overwrites every field with the descriptor's default (NULL where none).
   void WriteDefaultFields();
@@ -142,7 +175,9 @@ class CpxTuple : public Message {
   bool DeserializeBody(const unsigned char* bytes, uint32_t size);
 
  protected:
-  CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp);
+  // `slot_room`: storage for the descriptor's field slots that comes with
+  // the object's own allocation, or nullptr to allocate them apart.
+  CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* slot_room = nullptr);
 
  private:
   struct FieldSlot {
@@ -150,22 +185,52 @@ class CpxTuple : public Message {
     uint32_t capacity = 0;
     bool present = false;
     unsigned char fixed[8] = {};
+    bool variable = false;     // string, blob or xml: the value lives in `var`
+    uint8_t fixed_size = 0;    // the stored size of a fixed-size kind
     unsigned char* var = nullptr;
   };
-  FieldSlot& Slot(unsigned p);
-  const FieldSlot& Slot(unsigned p) const;
+  VX_ALWAYS_INLINE FieldSlot& Slot(unsigned p) {
+    if (p >= m_count) [[unlikely]] RaiseFieldOutOfRange(p);
+    return m_slots[p];
+  }
+  VX_ALWAYS_INLINE const FieldSlot& Slot(unsigned p) const {
+    if (p >= m_count) [[unlikely]] RaiseFieldOutOfRange(p);
+    return m_slots[p];
+  }
+  [[noreturn, gnu::cold, gnu::noinline]] void RaiseFieldOutOfRange(unsigned p) const;
   unsigned char* Reserve(FieldSlot& slot, uint32_t size);
 
   Ptr<const CpxTupleDescriptor> m_td;
   FieldSlot* m_slots = nullptr;
   unsigned m_count = 0;
+  bool m_own_slots = false;  // m_slots is an allocation of its own
+
+ protected:
+  static constexpr size_t kSlotSize = sizeof(FieldSlot);
 };
 
 // The writable tuple that the engine creates for every row it builds.
+// Tuples are allocated through the accounted allocator. Create() makes the
+// object and its field slots one allocation, so that reading a field of a
+// tuple that is out of the cache costs one miss, not two.
 class CpxTuple_Writable final : public CpxTuple {
+  struct SlotRoom {
+    unsigned fields;
+  };
+
  public:
   CpxTuple_Writable(Ptr<const CpxTupleDescriptor> td, int64_t timestamp)
       : CpxTuple(std::move(td), timestamp) {}
+  static Ptr<CpxTuple> Create(Ptr<const CpxTupleDescriptor> td, int64_t timestamp);
+
+  static void* operator new(size_t size);
+  static void operator delete(void* p);
+
+ private:
+  CpxTuple_Writable(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, SlotRoom)
+      : CpxTuple(std::move(td), timestamp, reinterpret_cast<char*>(this) + sizeof(CpxTuple_Writable)) {}
+  static void* operator new(size_t size, SlotRoom room);
+  static void operator delete(void* p, SlotRoom room);
 };
 
 // ---- field classes: typed access to one field of a tuple ----
@@ -175,12 +240,11 @@ struct CpxTupleField_Boolean {
   static constexpr CpxFieldKind kKind = CpxFieldKind::Boolean;
   static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::BooleanFieldType(); }
   // True only for a stored byte of exactly 1.
-  static bool GetValue(PtrView<const CpxTuple> t, unsigned p) {
+  VX_ALWAYS_INLINE static bool GetValue(PtrView<const CpxTuple> t, unsigned p) {
     return *static_cast<const unsigned char*>(t->GetFieldValue(p)) == 1;
   }
   static void SetValue(CpxTuple& t, unsigned p, bool v) {
-    unsigned char b = v ? 1 : 0;
-    t.SetFieldValue(p, 1, &b);
+    t.SetFixedFieldValue<unsigned char>(p, v ? 1 : 0);
   }
   static bool FromString(bool& out, std::string_view text);
   static int ToString(char* buf, size_t size, bool v, const char* format = nullptr);
@@ -191,12 +255,12 @@ struct CpxTupleField_Fixed {
   using ValueType = T;
   static constexpr CpxFieldKind kKind = K;
   static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::FromKind(K); }
-  static T GetValue(PtrView<const CpxTuple> t, unsigned p) {
+  VX_ALWAYS_INLINE static T GetValue(PtrView<const CpxTuple> t, unsigned p) {
     T v;
     __builtin_memcpy(&v, t->GetFieldValue(p), sizeof(T));
     return v;
   }
-  static void SetValue(CpxTuple& t, unsigned p, T v) { t.SetFieldValue(p, sizeof(T), &v); }
+  static void SetValue(CpxTuple& t, unsigned p, T v) { t.SetFixedFieldValue(p, v); }
 };
 
 struct CpxTupleField_Integer : CpxTupleField_Fixed<int32_t, CpxFieldKind::Integer> {
@@ -230,7 +294,7 @@ struct CpxTupleField_Bytes {
   using ValueType = std::string_view;
   static constexpr CpxFieldKind kKind = K;
   static const XmlQName& GetTupleFieldType() { return CpxTupleFieldTypes::FromKind(K); }
-  static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
+  VX_ALWAYS_INLINE static std::string_view GetView(PtrView<const CpxTuple> t, unsigned p) {
     uint32_t size = 0;
     const void* b = t->GetFieldValue(p, size);
     return {static_cast<const char*>(b), size};
@@ -258,6 +322,27 @@ struct CpxTupleField_String : CpxTupleField_Bytes<CpxFieldKind::String> {
   // field's own value.
   static bool SetUTF8SubString(CpxTuple& t, unsigned p, const char* text, int64_t first,
                                int64_t end);
+  // The same for a text whose length is known (its data still zero-terminated
+  // at text.size(), as a stored string is).
+  static bool SetUTF8SubString(CpxTuple& t, unsigned p, std::string_view text, int64_t first,
+                               int64_t end);
+  // True when every byte of `text` is one of 1 ... 127: each byte is then a
+  // character of its own, so character positions are byte positions and the
+  // UTF-8 walks of libxml2 can be skipped with the same answers.
+  static bool IsPlainAscii(std::string_view text) {
+    const auto* b = reinterpret_cast<const unsigned char*>(text.data());
+    const size_t n = text.size();
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+      uint64_t w;
+      __builtin_memcpy(&w, b + i, 8);
+      constexpr uint64_t kHigh = 0x8080808080808080u, kOnes = 0x0101010101010101u;
+      if ((w & kHigh) | ((w - kOnes) & ~w & kHigh)) return false;  // a high bit or a zero byte
+    }
+    for (; i < n; ++i)
+      if (static_cast<unsigned>(b[i]) - 1u >= 127u) return false;
+    return true;
+  }
 };
 
 struct CpxTupleField_Blob : CpxTupleField_Bytes<CpxFieldKind::Blob> {
@@ -350,7 +435,9 @@ class CpxTupleDescriptor : public XmlNamedObject {
 
   void AddField(Ptr<CpxTupleField> field) {
     CpxFieldKind kind = field->GetKind();
+    const bool has_default = field->GetDefaultBytes().has_value();
     m_fields.Add(std::move(field));
+    if (has_default) m_defaulted.push_back(static_cast<unsigned>(m_kinds.size()));
     m_kinds.push_back(kind);
   }
   const XmlNamedObjectList<CpxTupleField>& GetConstFields() const { return m_fields; }
@@ -373,6 +460,7 @@ class CpxTupleDescriptor : public XmlNamedObject {
   friend class CpxTuple;
   XmlNamedObjectList<CpxTupleField> m_fields;
   std::vector<CpxFieldKind> m_kinds;
+  std::vector<unsigned> m_defaulted;  // positions of the fields that have a default
 };
 
 // ---- tuple lists ----
@@ -382,6 +470,10 @@ class CpxTuplesList : public RefCounted {
   virtual unsigned GetSize() const = 0;
   // Raises the index-out-of-range error past the end.
   virtual CpxTuple* GetObjectByPos(unsigned p) const = 0;
+  // The GetSize() tuples as one array, valid until the list changes, or
+  // nullptr when the list does not keep them so (an evaluator then gathers
+  // them with GetObjectByPos once per run).
+  virtual CpxTuple* const* GetTupleArray() const { return nullptr; }
 };
 
 class CpxTuplesList_Vector final : public CpxTuplesList {
@@ -391,13 +483,24 @@ class CpxTuplesList_Vector final : public CpxTuplesList {
     if (p >= m_tuples.size()) XmlObject::RaiseIndexOutOfRange(p, m_tuples.size(), "tuple list");
     return m_tuples[p].Get();
   }
+  CpxTuple* const* GetTupleArray() const override { return m_raw.data(); }
   const Ptr<CpxTuple>& GetPtrByPos(unsigned p) const { return m_tuples[p]; }
-  void Add(Ptr<CpxTuple> t) { m_tuples.push_back(std::move(t)); }
-  void Set(unsigned p, Ptr<CpxTuple> t) { m_tuples[p] = std::move(t); }
-  void Clear() { m_tuples.clear(); }
+  void Add(Ptr<CpxTuple> t) {
+    m_raw.push_back(t.Get());
+    m_tuples.push_back(std::move(t));
+  }
+  void Set(unsigned p, Ptr<CpxTuple> t) {
+    m_raw[p] = t.Get();
+    m_tuples[p] = std::move(t);
+  }
+  void Clear() {
+    m_tuples.clear();
+    m_raw.clear();
+  }
 
  private:
   VxMemoryVector<Ptr<CpxTuple>> m_tuples;
+  VxMemoryVector<CpxTuple*> m_raw;  // the same tuples, unowned, for GetTupleArray
 };
 
 // ---- tuple XML ----

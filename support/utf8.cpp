@@ -30,17 +30,31 @@ bool InsideFieldValue(const CpxTuple& t, unsigned p, std::string_view bytes) {
 
 bool CpxTupleField_String::SetUTF8SubString(CpxTuple& t, unsigned p, const char* text,
                                             int64_t first, int64_t end) {
-  // xmlUTF8Strlen is negative for text that is not UTF-8.
-  const int count = xmlUTF8Strlen(AsXml(text));
-  if (count < 0 || first < 0 || first > count || end < first) return false;
-  end = std::min<int64_t>(end, count);
-  // xmlUTF8Strpos is stricter than xmlUTF8Strlen (it refuses a continuation
-  // byte where a character starts): a null position is a refusal too.
-  const xmlChar* b = xmlUTF8Strpos(AsXml(text), static_cast<int>(first));
-  if (!b) return false;
-  const xmlChar* e = end == first ? b : xmlUTF8Strpos(b, static_cast<int>(end - first));
-  if (!e) return false;
-  const std::string_view sub(reinterpret_cast<const char*>(b), static_cast<size_t>(e - b));
+  return SetUTF8SubString(t, p, std::string_view(text), first, end);
+}
+
+bool CpxTupleField_String::SetUTF8SubString(CpxTuple& t, unsigned p, std::string_view text,
+                                            int64_t first, int64_t end) {
+  std::string_view sub;
+  if (IsPlainAscii(text)) {
+    // What the walks below find for such a text, without walking.
+    const int64_t count = static_cast<int64_t>(text.size());
+    if (first < 0 || first > count || end < first) return false;
+    end = std::min<int64_t>(end, count);
+    sub = text.substr(static_cast<size_t>(first), static_cast<size_t>(end - first));
+  } else {
+    // xmlUTF8Strlen is negative for text that is not UTF-8.
+    const int count = xmlUTF8Strlen(AsXml(text.data()));
+    if (count < 0 || first < 0 || first > count || end < first) return false;
+    end = std::min<int64_t>(end, count);
+    // xmlUTF8Strpos is stricter than xmlUTF8Strlen (it refuses a continuation
+    // byte where a character starts): a null position is a refusal too.
+    const xmlChar* b = xmlUTF8Strpos(AsXml(text.data()), static_cast<int>(first));
+    if (!b) return false;
+    const xmlChar* e = end == first ? b : xmlUTF8Strpos(b, static_cast<int>(end - first));
+    if (!e) return false;
+    sub = std::string_view(reinterpret_cast<const char*>(b), static_cast<size_t>(e - b));
+  }
   if (InsideFieldValue(t, p, sub)) {
     const std::string copy(sub);
     t.SetFieldValue(p, static_cast<uint32_t>(copy.size()), copy.data());
