@@ -823,6 +823,23 @@ bool XmlDomForest::ToString(std::string& out, XmlDomLog& log, bool format) const
     return false;
   }
   const size_t start = out.size();
+  // libxml2 writes non-ASCII characters of attribute values as character
+  // references when the document names no encoding, and literally when it
+  // does; naming UTF-8 while saving keeps the text the same however the
+  // document was made (parsed with or without a declaration, built, or
+  // transformed), so that the canonical text reads back to itself.
+  struct EncodingScope {
+    xmlDocPtr doc;
+    bool set;
+    explicit EncodingScope(xmlDocPtr d) : doc(d), set(d->encoding == nullptr) {
+      if (set) doc->encoding = xmlStrdup(reinterpret_cast<const xmlChar*>("UTF-8"));
+    }
+    ~EncodingScope() {
+      if (!set) return;
+      xmlFree(const_cast<xmlChar*>(doc->encoding));
+      doc->encoding = nullptr;
+    }
+  } encoding(m_doc);
   int options = XML_SAVE_NO_DECL | XML_SAVE_AS_XML;
   if (format) options |= XML_SAVE_FORMAT;
   xmlSaveCtxtPtr save = xmlSaveToIO(&AppendToString, nullptr, &out, "UTF-8", options);
