@@ -607,16 +607,21 @@ class CpxSumState final : public CpxAccumulatorState {
   static constexpr const char* kMethod = kDistinct ? "Accumulator_SumDistinct" : "Accumulator_Sum";
 
  public:
+  // Saves the items that change: the sum, the zero count for a 0 and the
+  // flag when it is first set.
   void AddValue(Batch* batch, T v) {
-    if (v == T{}) m_zeros = WrapAdd(m_zeros, T{1});
+    const bool zero = v == T{};
+    if (zero) m_zeros = WrapAdd(m_zeros, T{1});
     if constexpr (kDistinct) {
       if (m_values.Add(*this, batch, v) > 1) return SaveItem(batch, kSumItem + 1, m_zeros);
     }
     m_sum = WrapAdd(m_sum, v);
-    m_flag = true;
     SaveItem(batch, kSumItem, m_sum);
-    SaveItem(batch, kSumItem + 1, m_zeros);
-    SaveItem(batch, kSumItem + 2, m_flag);
+    if (zero) SaveItem(batch, kSumItem + 1, m_zeros);
+    if (!m_flag) {
+      m_flag = true;
+      SaveItem(batch, kSumItem + 2, m_flag);
+    }
   }
   // The zero count is changed before its test and stays changed when the
   // test fails (Sum has changed its sum too; for a 0 that is no change).
@@ -632,7 +637,7 @@ class CpxSumState final : public CpxAccumulatorState {
       if (*left == 0) m_sum = WrapSubtract(m_sum, v);
     }
     SaveItem(batch, kSumItem, m_sum);
-    SaveItem(batch, kSumItem + 1, m_zeros);
+    if (v == T{}) SaveItem(batch, kSumItem + 1, m_zeros);
   }
   std::optional<T> Result() const {
     if (!m_flag && m_sum == T{} && m_zeros == T{}) return std::nullopt;

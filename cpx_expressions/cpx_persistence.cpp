@@ -62,14 +62,18 @@ void CpxExpressionOperatorState_Engine::InitializePersistence(
   m_key = evaluator_key;
   m_key.AppendTypedValue(operator_number);
   m_operator_number = operator_number;
+  m_record = m_key;
 }
 
+// The record key of item `item`: the state key and the item block. The
+// record buffer keeps the state key's blocks from one save to the next, so
+// only the item block (and any block after it) is written again.
 CpxPersistentStorageKey& CpxExpressionOperatorState_Engine::RecordKey(uint32_t item) {
-  m_record = m_key;
+  const unsigned blocks = m_key.GetValuesNumber();
+  if (m_record.GetValuesNumber() < blocks) m_record = m_key;
+  m_record.Truncate(blocks);
   uint32_t* block = reinterpret_cast<uint32_t*>(m_record.AppendBlock(4));
   std::memcpy(block, &item, 4);
-  if (m_record.GetValuesNumber() != m_key.GetValuesNumber() + 1)
-    VX_RAISE_TEXT("The appended block has incorrect size in persistent storage key", "state");
   return m_record;
 }
 

@@ -1,11 +1,14 @@
 #include "support/storage.h"
 
 #include <rocksdb/db.h>
+#include <rocksdb/memtablerep.h>
 #include <rocksdb/options.h>
 #include <rocksdb/write_batch.h>
 
+#include <algorithm>
 #include <filesystem>
 
+#include "support/hash.h"
 #include "support/log.h"
 
 namespace vx {
@@ -108,34 +111,67 @@ bool WritableBlocksBuffer::Decode(std::string_view encoded, WritableBlocksBuffer
 // ---- CpxPersistentStorageBatch ----
 
 CpxPersistentStorageBatch::CpxPersistentStorageBatch()
-    : m_batch(std::make_unique<rocksdb::WriteBatch>()) {}
+    : m_index(64, IndexSlot{0, 0}), m_batch(std::make_unique<rocksdb::WriteBatch>()) {}
 CpxPersistentStorageBatch::~CpxPersistentStorageBatch() = default;
 
+void CpxPersistentStorageBatch::Write(std::string_view key, std::string_view value, bool erase) {
+  const uint64_t hash = CpxHashBytes(key.data(), key.size());
+  const size_t mask = m_index.size() - 1;
+  size_t i = hash & mask;
+  for (; m_index[i].record; i = (i + 1) & mask) {
+    if (m_index[i].hash != hash) continue;
+    Record& r = m_records[m_index[i].record - 1];
+    if (KeyOf(r) != key) continue;
+    // A later write of the same key: its value replaces the earlier one (in
+    // place when it fits).
+    if (value.size() > r.value_size) r.value_offset = static_cast<uint32_t>(m_bytes.size());
+    if (value.size() > r.value_size) m_bytes.append(value);
+    else if (!value.empty()) std::memcpy(m_bytes.data() + r.value_offset, value.data(), value.size());
+    r.value_size = static_cast<uint32_t>(value.size());
+    r.erase = erase;
+    r.sequence = ++m_sequence;
+    return;
+  }
+  const uint32_t key_offset = static_cast<uint32_t>(m_bytes.size());
+  m_bytes.append(key);
+  m_bytes.append(value);
+  m_records.push_back({key_offset, static_cast<uint32_t>(key.size()),
+                       key_offset + static_cast<uint32_t>(key.size()),
+                       static_cast<uint32_t>(value.size()), ++m_sequence, erase});
+  m_index[i] = {hash, static_cast<uint32_t>(m_records.size())};
+  if (2 * m_records.size() > m_index.size()) GrowIndex();
+}
+
+void CpxPersistentStorageBatch::GrowIndex() {
+  std::vector<IndexSlot> index(2 * m_index.size(), IndexSlot{0, 0});
+  const size_t mask = index.size() - 1;
+  for (const IndexSlot& slot : m_index) {
+    if (!slot.record) continue;
+    size_t i = slot.hash & mask;
+    while (index[i].record) i = (i + 1) & mask;
+    index[i] = slot;
+  }
+  m_index.swap(index);
+}
+
 void CpxPersistentStorageBatch::Put(const CpxPersistentStorageKey& key, std::string_view value) {
-  std::string_view k = key.Encoded();
-  m_batch->Put(rocksdb::Slice(k.data(), k.size()), rocksdb::Slice(value.data(), value.size()));
+  Write(key.Encoded(), value, false);
 }
 
 void CpxPersistentStorageBatch::Delete(const CpxPersistentStorageKey& key) {
-  std::string_view k = key.Encoded();
-  m_batch->Delete(rocksdb::Slice(k.data(), k.size()));
+  Write(key.Encoded(), {}, true);
 }
 
 void CpxPersistentStorageBatch::DeleteAll(const CpxPersistentStorageKey& key) {
-  std::string_view k = key.Encoded();
-  const std::string end = Successor(k);
-  m_batch->DeleteRange(rocksdb::Slice(k.data(), k.size()), rocksdb::Slice(end));
+  m_delete_all.emplace_back(std::string(key.Encoded()), ++m_sequence);
 }
 
 void CpxPersistentStorageBatch::AddStorageMessage(const CpxPersistentStorageMessage& message) {
   const CpxPersistentStorageKey& key = message.GetKey();
   switch (message.GetKind()) {
-    case CpxPersistentStorageMessage::Kind::kPut: {
-      std::string_view k = key.Encoded(key.GetValuesNumber() - 1);
-      std::string_view v = key.GetRawValue();
-      m_batch->Put(rocksdb::Slice(k.data(), k.size()), rocksdb::Slice(v.data(), v.size()));
+    case CpxPersistentStorageMessage::Kind::kPut:
+      Write(key.Encoded(key.GetValuesNumber() - 1), key.GetRawValue(), false);
       break;
-    }
     case CpxPersistentStorageMessage::Kind::kDel:
       Delete(key);
       break;
@@ -146,12 +182,54 @@ void CpxPersistentStorageBatch::AddStorageMessage(const CpxPersistentStorageMess
 }
 
 void CpxPersistentStorageBatch::PutMeta(std::string_view name, std::string_view value) {
-  m_batch->Put(kMetaPrefix + std::string(name), rocksdb::Slice(value.data(), value.size()));
+  Write(kMetaPrefix + std::string(name), value, false);
 }
 
-bool CpxPersistentStorageBatch::IsEmpty() const { return m_batch->Count() == 0; }
-size_t CpxPersistentStorageBatch::GetDataSize() const { return m_batch->GetDataSize(); }
-void CpxPersistentStorageBatch::Clear() { m_batch->Clear(); }
+bool CpxPersistentStorageBatch::IsEmpty() const {
+  return m_records.empty() && m_delete_all.empty();
+}
+
+void CpxPersistentStorageBatch::Clear() {
+  m_bytes.clear();
+  m_records.clear();
+  std::fill(m_index.begin(), m_index.end(), IndexSlot{0, 0});
+  m_delete_all.clear();
+  m_sequence = 0;
+  m_batch->Clear();
+}
+
+// Each record's last write and each delete-all go into RocksDB's batch in the
+// order they were made, so that a delete-all removes exactly what was
+// written before it. Without delete-alls the order does not matter.
+rocksdb::WriteBatch& CpxPersistentStorageBatch::GetWriteBatch() {
+  m_batch->Clear();
+  auto emit = [&](const Record& r) {
+    const std::string_view k = KeyOf(r);
+    if (r.erase) {
+      m_batch->Delete(rocksdb::Slice(k.data(), k.size()));
+    } else {
+      m_batch->Put(rocksdb::Slice(k.data(), k.size()),
+                   rocksdb::Slice(m_bytes.data() + r.value_offset, r.value_size));
+    }
+  };
+  if (m_delete_all.empty()) {
+    for (const Record& r : m_records) emit(r);
+    return *m_batch;
+  }
+  std::vector<const Record*> order;
+  order.reserve(m_records.size());
+  for (const Record& r : m_records) order.push_back(&r);
+  std::sort(order.begin(), order.end(),
+            [](const Record* a, const Record* b) { return a->sequence < b->sequence; });
+  size_t next = 0;
+  for (const auto& [prefix, sequence] : m_delete_all) {
+    for (; next < order.size() && order[next]->sequence < sequence; ++next) emit(*order[next]);
+    const std::string end = Successor(prefix);
+    m_batch->DeleteRange(rocksdb::Slice(prefix), rocksdb::Slice(end));
+  }
+  for (; next < order.size(); ++next) emit(*order[next]);
+  return *m_batch;
+}
 
 // ---- CpxPersistentStorageManager ----
 
@@ -167,6 +245,13 @@ std::unique_ptr<CpxPersistentStorageManager> CpxPersistentStorageManager::Open(
   options.create_if_missing = true;
   options.max_open_files = 64;
   options.keep_log_file_num = 2;
+  // State is written much and read back only when a store is opened: a
+  // memtable that appends its records and sorts them when it is flushed
+  // takes a record for the cost of a copy, where the default skip list
+  // walks a few million-entry list with a cache miss at each step.
+  options.memtable_factory = std::make_shared<rocksdb::VectorRepFactory>();
+  options.allow_concurrent_memtable_write = false;
+  options.compression = rocksdb::kNoCompression;
   rocksdb::DB* db = nullptr;
   Check(rocksdb::DB::Open(options, folder, &db), folder, "open");
   std::unique_ptr<CpxPersistentStorageManager> m(new CpxPersistentStorageManager());
@@ -191,8 +276,9 @@ size_t CpxPersistentStorageManager::EndBatch() {
   if (m_batch.IsEmpty()) return 0;
   rocksdb::WriteOptions options;
   options.sync = m_sync;
-  const size_t size = m_batch.GetDataSize();
-  Check(m_db->Write(options, &m_batch.GetWriteBatch()), m_folder, "write");
+  rocksdb::WriteBatch& batch = m_batch.GetWriteBatch();
+  const size_t size = batch.GetDataSize();
+  Check(m_db->Write(options, &batch), m_folder, "write");
   m_batch.Clear();
   m_bytes_written += size;
   return size;

@@ -107,7 +107,16 @@ class CpxPersistentStorageMessage_DelAll : public CpxPersistentStorageMessage {
       : CpxPersistentStorageMessage(Kind::kDelAll, std::move(key)) {}
 };
 
-// The changes of one row, written atomically by the manager.
+// The changes written since the batch was started, committed atomically by
+// the manager: the changes of one row, or of many when the caller commits
+// every so many rows (see docs/persistence.md).
+//
+// A batch keeps only the effect of its messages: the last put or delete of
+// each key (an accumulator that changes its sum on every row of a commit
+// writes the sum once), and every delete-all, which also drops the batch's
+// earlier messages under its prefix. Keys and values are copied into one
+// buffer that keeps its capacity, so a batch that is filled and committed
+// over and over stops allocating once it has grown to its largest size.
 class CpxPersistentStorageBatch {
  public:
   CpxPersistentStorageBatch();
@@ -125,11 +134,33 @@ class CpxPersistentStorageBatch {
   void PutMeta(std::string_view name, std::string_view value);
 
   bool IsEmpty() const;
-  size_t GetDataSize() const;
+  // The number of records the batch holds (after coalescing).
+  size_t GetRecordCount() const { return m_records.size(); }
   void Clear();
-  rocksdb::WriteBatch& GetWriteBatch() { return *m_batch; }
+  // The batch in RocksDB's form, built from what the batch holds.
+  rocksdb::WriteBatch& GetWriteBatch();
 
  private:
+  // A record is a key and either a value or a deletion; `sequence` orders
+  // its last write against the delete-alls.
+  struct Record {
+    uint32_t key_offset, key_size, value_offset, value_size;
+    uint64_t sequence;
+    bool erase;
+  };
+  struct IndexSlot {
+    uint64_t hash;
+    uint32_t record;  // index + 1; 0: the slot is empty
+  };
+  void Write(std::string_view key, std::string_view value, bool erase);
+  std::string_view KeyOf(const Record& r) const { return {m_bytes.data() + r.key_offset, r.key_size}; }
+  void GrowIndex();
+
+  std::string m_bytes;                 // keys and values of the records
+  std::vector<Record> m_records;       // in the order their keys were first written
+  std::vector<IndexSlot> m_index;      // open addressing over the records' keys
+  std::vector<std::pair<std::string, uint64_t>> m_delete_all;  // prefixes and when
+  uint64_t m_sequence = 0;
   std::unique_ptr<rocksdb::WriteBatch> m_batch;
 };
 

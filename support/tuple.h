@@ -243,7 +243,7 @@ struct CpxTupleField_Boolean {
   VX_ALWAYS_INLINE static bool GetValue(PtrView<const CpxTuple> t, unsigned p) {
     return *static_cast<const unsigned char*>(t->GetFieldValue(p)) == 1;
   }
-  static void SetValue(CpxTuple& t, unsigned p, bool v) {
+  VX_ALWAYS_INLINE static void SetValue(CpxTuple& t, unsigned p, bool v) {
     t.SetFixedFieldValue<unsigned char>(p, v ? 1 : 0);
   }
   static bool FromString(bool& out, std::string_view text);
@@ -260,7 +260,7 @@ struct CpxTupleField_Fixed {
     __builtin_memcpy(&v, t->GetFieldValue(p), sizeof(T));
     return v;
   }
-  static void SetValue(CpxTuple& t, unsigned p, T v) { t.SetFixedFieldValue(p, v); }
+  VX_ALWAYS_INLINE static void SetValue(CpxTuple& t, unsigned p, T v) { t.SetFixedFieldValue(p, v); }
 };
 
 struct CpxTupleField_Integer : CpxTupleField_Fixed<int32_t, CpxFieldKind::Integer> {
