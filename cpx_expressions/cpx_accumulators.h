@@ -383,6 +383,9 @@ class CpxHashedMultiplicityMap {
       return static_cast<uint32_t>(m_map.Size());
     }
   }
+  // Announces a lookup of `v` (fixed-size values only), for a caller that
+  // adds many values at once.
+  void Prefetch(Value v) const requires(!kBytes) { m_map.Prefetch(v); }
   // Calls fn(value, count) for every entry, in no particular order.
   template <class Fn>
   void ForEachUnordered(Fn&& fn) const {
@@ -416,6 +419,19 @@ class CpxHashedMultiplicityMap {
 // window) keeps its heap and pays O(log n) a change; and a rebuild, O(n),
 // comes at most once per n removals, so every change costs O(1) amortized
 // besides the push.
+//
+// Until the first removal, a value whose count nobody reads (AddUncounted:
+// no store to save its entry to) is not entered at once: it is appended to
+// a list of pending values and the first value is updated from it. A group
+// that only grows then costs an append a row instead of a probe of a table
+// that outgrows the caches. The pending values enter the table, in arrival
+// order (so an entry holds the first of its equivalents, as always), when a
+// removal or a counted add needs the counts, or when the list is full and
+// holds kPendingMax values or as many as the table (at least 16): a stream
+// that repeats few values keeps a small list, and a list that has reached
+// its size is not grown again. Entering many values at once fetches their
+// slots ahead, and the table they go to is in the caches while they do. After the first
+// removal every value is entered at once.
 template <class Field, class Order>
 class CpxExtremeMultiplicityMap {
   static_assert(!CpxAccumulatorValue<Field>::kBytes);
@@ -425,6 +441,44 @@ class CpxExtremeMultiplicityMap {
   using Entry = typename CpxHashedMultiplicityMap<Field>::Entry;
 
   Entry Add(Value v, uint32_t n = 1) {
+    if (!m_pending.empty()) EnterPending();
+    return Enter(v, n);
+  }
+  void AddUncounted(Value v) {
+    if (m_counted) {
+      Enter(v, 1);
+      return;
+    }
+    if (m_pending.size() == m_pending.capacity() &&
+        m_pending.size() >= std::min<size_t>(kPendingMax, std::max<size_t>(16, m_counts.Size())))
+      EnterPending();
+    if (Empty() || Order{}(v, m_first)) m_first = v;
+    m_pending.push_back(v);
+  }
+  std::optional<Entry> Remove(Value v) {
+    if (!m_counted) {
+      EnterPending();
+      VxMemoryVector<Value>().swap(m_pending);
+      m_counted = true;
+    }
+    return RemoveEntered(v);
+  }
+  uint32_t Count(Value v) {
+    if (!m_pending.empty()) EnterPending();
+    return m_counts.Count(v);
+  }
+  bool Empty() const { return m_counts.Empty() && m_pending.empty(); }
+  uint32_t Size() {
+    if (!m_pending.empty()) EnterPending();
+    return m_counts.Size();
+  }
+  // The first value in `Order`; the map is not empty.
+  Value First() const { return m_first; }
+
+ private:
+  static constexpr size_t kPendingMax = 256;
+
+  Entry Enter(Value v, uint32_t n) {
     const Entry entry = m_counts.Add(v, n);
     if (entry.count == n) {  // a new entry
       if (m_heap_kept) {
@@ -435,7 +489,15 @@ class CpxExtremeMultiplicityMap {
     }
     return entry;
   }
-  std::optional<Entry> Remove(Value v) {
+  void EnterPending() {
+    constexpr size_t kAhead = 8;
+    for (size_t i = 0; i < m_pending.size(); ++i) {
+      if (i + kAhead < m_pending.size()) m_counts.Prefetch(m_pending[i + kAhead]);
+      Enter(m_pending[i], 1);
+    }
+    m_pending.clear();
+  }
+  std::optional<Entry> RemoveEntered(Value v) {
     const std::optional<Entry> entry = m_counts.Remove(v);
     if (!entry || entry->count > 0) return entry;
     if (!Order{}(m_first, entry->value) && !Order{}(entry->value, m_first)) {
@@ -461,13 +523,7 @@ class CpxExtremeMultiplicityMap {
     }
     return entry;
   }
-  uint32_t Count(Value v) const { return m_counts.Count(v); }
-  bool Empty() const { return m_counts.Empty(); }
-  uint32_t Size() const { return m_counts.Size(); }
-  // The first value in `Order`; the map is not empty.
-  Value First() const { return m_first; }
 
- private:
   // std heaps put the greatest first: reversing `Order` puts its first on top.
   struct HeapOrder {
     bool operator()(Value a, Value b) const { return Order{}(b, a); }
@@ -484,7 +540,9 @@ class CpxExtremeMultiplicityMap {
   Value m_first{};
   bool m_heap_kept = false;   // every entry's value is in the heap
   bool m_first_left = false;  // a first value has left since the heap was built
+  bool m_counted = false;     // a value has been removed: no value waits any more
   VxMemoryVector<Value> m_heap;
+  VxMemoryVector<Value> m_pending;  // added, not yet entered, in arrival order
 };
 
 // ---- state base ----
@@ -888,7 +946,14 @@ class CpxExtremeState final : public CpxAccumulatorState {
   using Value = typename CpxAccumulatorValue<In>::Value;
 
  public:
-  void AddValue(Batch* batch, Value v) { m_values.Add(*this, batch, v); }
+  // Without a store nobody reads the value's count: a fixed-size value
+  // may wait to be entered (see CpxExtremeMultiplicityMap).
+  void AddValue(Batch* batch, Value v) {
+    if constexpr (!CpxAccumulatorValue<In>::kBytes) {
+      if (!batch) return m_values.AddUncounted(v);
+    }
+    m_values.Add(*this, batch, v);
+  }
   void RemoveValue(Batch* batch, Value v) {
     if (!m_values.Remove(*this, batch, v)) CpxRaiseExtraNegative<In>(Kind.method, v);
   }
