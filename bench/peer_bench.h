@@ -265,6 +265,31 @@ inline Figure& TimePasses(benchmark::State& state, const std::string& name, doub
   return f;
 }
 
+// The SQLite and plain C++ figures of a workload: `pass(check)` runs once
+// checked against the plain loop, then timed without checks.
+inline void TimeCheckedPasses(benchmark::State& state, const std::string& name,
+                              const std::function<Digest(bool check)>& pass) {
+  pass(true);
+  TimePasses(state, name, static_cast<double>(RowCount()), [&] { return pass(false); });
+}
+
+// The engine's figure of a workload: one checked pass, the timed passes
+// (each starting with `restart`), `warmups` further passes, and then one
+// more pass whose allocations per row are counted.
+inline void TimeEnginePasses(benchmark::State& state, const std::function<void()>& restart,
+                             const std::function<Digest(bool check)>& pass, int warmups = 0) {
+  pass(true);
+  Figure& f = TimePasses(state, "engine", static_cast<double>(RowCount()), [&] {
+    restart();
+    return pass(false);
+  });
+  for (int i = 0; i < warmups; ++i) pass(false);
+  AllocationCount count;
+  pass(false);
+  f.allocations_per_row = static_cast<double>(count.Stop()) / static_cast<double>(RowCount());
+  state.counters["allocs/row"] = f.allocations_per_row;
+}
+
 // ---- the engine ----
 
 // Input descriptor of every workload context.

@@ -129,12 +129,7 @@ Digest EnginePass(bool check) {
 void BM_W1_Engine(benchmark::State& state) {
   GetEngine();
   Expected();
-  EnginePass(true);
-  Figure& f = TimePasses(state, "engine", static_cast<double>(RowCount()), [] { return EnginePass(false); });
-  AllocationCount count;
-  EnginePass(false);
-  f.allocations_per_row = static_cast<double>(count.Stop()) / static_cast<double>(RowCount());
-  state.counters["allocs/row"] = f.allocations_per_row;
+  TimeEnginePasses(state, [] {}, EnginePass);
 }
 
 Sqlite& GetSqlite() {
@@ -165,10 +160,7 @@ Digest SqlitePass(bool check) {
   return d;
 }
 
-void BM_W1_Sqlite(benchmark::State& state) {
-  SqlitePass(true);
-  TimePasses(state, "sqlite", static_cast<double>(RowCount()), [] { return SqlitePass(false); });
-}
+void BM_W1_Sqlite(benchmark::State& state) { TimeCheckedPasses(state, "sqlite", SqlitePass); }
 
 void BM_W1_PlainCpp(benchmark::State& state) {
   const std::vector<Row>& rows = Rows();

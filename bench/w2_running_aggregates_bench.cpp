@@ -119,16 +119,7 @@ Digest EnginePass(bool check) {
 void BM_W2_Engine(benchmark::State& state) {
   GetEngine();
   Expected();
-  EnginePass(true);
-  Figure& f = TimePasses(state, "engine", static_cast<double>(RowCount()), [] {
-    GetEngine().Restart();
-    return EnginePass(false);
-  });
-  EnginePass(false);
-  AllocationCount count;
-  EnginePass(false);
-  f.allocations_per_row = static_cast<double>(count.Stop()) / static_cast<double>(RowCount());
-  state.counters["allocs/row"] = f.allocations_per_row;
+  TimeEnginePasses(state, [] { GetEngine().Restart(); }, EnginePass, 1);
 }
 
 Sqlite& GetSqlite() {
@@ -154,14 +145,11 @@ Digest SqlitePass(bool check) {
   return d;
 }
 
-void BM_W2_Sqlite(benchmark::State& state) {
-  SqlitePass(true);
-  TimePasses(state, "sqlite", static_cast<double>(RowCount()), [] { return SqlitePass(false); });
-}
+void BM_W2_Sqlite(benchmark::State& state) { TimeCheckedPasses(state, "sqlite", SqlitePass); }
 
 void BM_W2_PlainCpp(benchmark::State& state) {
   Expected();
-  TimePasses(state, "plain", static_cast<double>(RowCount()), [] { return PlainPass(nullptr); });
+  TimeCheckedPasses(state, "plain", [](bool) { return PlainPass(nullptr); });
 }
 
 BENCHMARK(BM_W2_Engine)->Iterations(Passes())->Unit(benchmark::kMillisecond);

@@ -202,20 +202,14 @@ Digest EnginePass(Windows& windows, bool check, CpxPersistentStorageManager* sto
 void BM_W3_Engine(benchmark::State& state) {
   GetEngine();
   Expected();
-  {
-    Windows w;
-    EnginePass(w, true);
-  }
   Windows windows;
-  Figure& f = TimePasses(state, "engine", static_cast<double>(RowCount()), [&] {
-    GetEngine().Restart();
-    windows = Windows();
-    return EnginePass(windows, false);
-  });
-  AllocationCount count;
-  EnginePass(windows, false);
-  f.allocations_per_row = static_cast<double>(count.Stop()) / static_cast<double>(RowCount());
-  state.counters["allocs/row"] = f.allocations_per_row;
+  TimeEnginePasses(
+      state,
+      [&] {
+        GetEngine().Restart();
+        windows = Windows();
+      },
+      [&](bool check) { return EnginePass(windows, check); });
 }
 
 // Runs the engine with its state in a fresh store, committing every
@@ -320,14 +314,11 @@ Digest SqlitePass(bool check) {
   return d;
 }
 
-void BM_W3_Sqlite(benchmark::State& state) {
-  SqlitePass(true);
-  TimePasses(state, "sqlite", static_cast<double>(RowCount()), [] { return SqlitePass(false); });
-}
+void BM_W3_Sqlite(benchmark::State& state) { TimeCheckedPasses(state, "sqlite", SqlitePass); }
 
 void BM_W3_PlainCpp(benchmark::State& state) {
   Expected();
-  TimePasses(state, "plain", static_cast<double>(RowCount()), [] { return PlainPass(nullptr); });
+  TimeCheckedPasses(state, "plain", [](bool) { return PlainPass(nullptr); });
 }
 
 BENCHMARK(BM_W3_Engine)->Iterations(Passes())->Unit(benchmark::kMillisecond);

@@ -193,9 +193,8 @@ void BM_W4_Sqlite(benchmark::State& state) {
   const size_t n = static_cast<size_t>(state.range(0));
   Expected(n);
   PrepareTable(n);
-  SqlitePass(n, true);
-  TimePasses(state, "sqlite " + std::to_string(n), static_cast<double>(RowCount()),
-             [n] { return SqlitePass(n, false); });
+  TimeCheckedPasses(state, "sqlite " + std::to_string(n),
+                    [n](bool check) { return SqlitePass(n, check); });
 }
 
 void BM_W4_PlainCpp(benchmark::State& state) {
