@@ -455,6 +455,22 @@ class Sqlite {
   sqlite3* m_db = nullptr;
 };
 
+// The program's SQLite database with the workload table `table` clustered
+// on `key`, once `setup` (window functions of our own) has run on it, and
+// checked to answer `query` without a sort.
+inline Sqlite& PreparedSqlite(const char* table, const char* key, const char* query,
+                              const std::function<void(Sqlite&)>& setup = {}) {
+  static Sqlite db;
+  static bool ready = false;
+  if (!ready) {
+    if (setup) setup(db);
+    db.CreateTable(table, key);
+    db.CheckNoSort(query);
+    ready = true;
+  }
+  return db;
+}
+
 // ---- a sorted multiset that knows its middle (plain C++ and SQLite's median) ----
 
 // The lower middle element is tracked by an iterator; adding and removing
@@ -534,6 +550,36 @@ inline void CheckDigests(const std::vector<std::string>& names) {
            it->second.digest.ToString() + "}");
   }
   if (first) std::printf("  digests agree: %s\n", first->digest.ToString().c_str());
+}
+
+// The figures "engine", "sqlite" and "plain", and the check that their
+// digests agree.
+inline void PrintThreeFigures() {
+  PrintFigure("engine", Figures()["engine"]);
+  PrintFigure("SQLite", Figures()["sqlite"]);
+  PrintFigure("plain C++", Figures()["plain"]);
+  CheckDigests({"plain", "engine", "sqlite"});
+}
+
+// The lines every workload ends with, from the figures "engine", "sqlite"
+// and "plain": the engine's rows per second over SQLite's (held to
+// `sqlite_at_least`), its nanoseconds per row over the plain loop's (held to
+// `plain_at_most` when it is positive, else only printed) and its
+// allocations per row once warm (held to 0).
+inline void PrintEngineRatios(double sqlite_at_least, double plain_at_most = 0) {
+  const Figure &e = Figures()["engine"], &s = Figures()["sqlite"], &p = Figures()["plain"];
+  if (e.ran() && s.ran())
+    PrintRequirement("engine rows/s / SQLite rows/s", e.RowsPerSecond() / s.RowsPerSecond(), ">=",
+                     sqlite_at_least);
+  if (e.ran() && p.ran()) {
+    if (plain_at_most > 0) {
+      PrintRequirement("engine ns/row / plain C++ ns/row", e.NsPerRow() / p.NsPerRow(), "<=",
+                       plain_at_most);
+    } else {
+      std::printf("  %-44s %7.2f\n", "engine ns/row / plain C++ ns/row", e.NsPerRow() / p.NsPerRow());
+    }
+  }
+  if (e.ran()) PrintRequirement("engine allocations/row once warm", e.allocations_per_row, "<=", 0);
 }
 
 inline int Main(int argc, char** argv, const std::function<void()>& summary) {

@@ -132,16 +132,7 @@ void BM_W1_Engine(benchmark::State& state) {
   TimeEnginePasses(state, [] {}, EnginePass);
 }
 
-Sqlite& GetSqlite() {
-  static Sqlite db;
-  static const bool ready = [] {
-    db.CreateTable("w1", "ts");
-    db.CheckNoSort(kQuery);
-    return true;
-  }();
-  (void)ready;
-  return db;
-}
+Sqlite& GetSqlite() { return PreparedSqlite("w1", "ts", kQuery); }
 
 Digest SqlitePass(bool check) {
   Digest d;
@@ -181,18 +172,10 @@ BENCHMARK(BM_W1_Sqlite)->Iterations(Passes())->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_W1_PlainCpp)->Iterations(Passes())->Unit(benchmark::kMillisecond);
 
 void Summary() {
-  const Figure &e = Figures()["engine"], &s = Figures()["sqlite"], &p = Figures()["plain"];
   std::printf("W1 projection and filter, %zu rows, best of %d passes (process CPU time):\n",
               RowCount(), Passes());
-  PrintFigure("engine", e);
-  PrintFigure("SQLite", s);
-  PrintFigure("plain C++", p);
-  CheckDigests({"plain", "engine", "sqlite"});
-  if (e.ran() && s.ran())
-    PrintRequirement("engine rows/s / SQLite rows/s", e.RowsPerSecond() / s.RowsPerSecond(), ">=", 5);
-  if (e.ran() && p.ran())
-    PrintRequirement("engine ns/row / plain C++ ns/row", e.NsPerRow() / p.NsPerRow(), "<=", 4);
-  if (e.ran()) PrintRequirement("engine allocations/row once warm", e.allocations_per_row, "<=", 0);
+  PrintThreeFigures();
+  PrintEngineRatios(5, 4);
 }
 
 }  // namespace

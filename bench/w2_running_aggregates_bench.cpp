@@ -122,16 +122,7 @@ void BM_W2_Engine(benchmark::State& state) {
   TimeEnginePasses(state, [] { GetEngine().Restart(); }, EnginePass, 1);
 }
 
-Sqlite& GetSqlite() {
-  static Sqlite db;
-  static const bool ready = [] {
-    db.CreateTable("w2", "k, ts");
-    db.CheckNoSort(kQuery);
-    return true;
-  }();
-  (void)ready;
-  return db;
-}
+Sqlite& GetSqlite() { return PreparedSqlite("w2", "k, ts", kQuery); }
 
 Digest SqlitePass(bool check) {
   Digest d;
@@ -157,18 +148,10 @@ BENCHMARK(BM_W2_Sqlite)->Iterations(Passes())->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_W2_PlainCpp)->Iterations(Passes())->Unit(benchmark::kMillisecond);
 
 void Summary() {
-  const Figure &e = Figures()["engine"], &s = Figures()["sqlite"], &p = Figures()["plain"];
   std::printf("W2 grouped running aggregates, %zu rows in 1000 groups, best of %d passes (process CPU time):\n",
               RowCount(), Passes());
-  PrintFigure("engine", e);
-  PrintFigure("SQLite", s);
-  PrintFigure("plain C++", p);
-  CheckDigests({"plain", "engine", "sqlite"});
-  if (e.ran() && s.ran())
-    PrintRequirement("engine rows/s / SQLite rows/s", e.RowsPerSecond() / s.RowsPerSecond(), ">=", 3);
-  if (e.ran() && p.ran())
-    std::printf("  engine ns/row / plain C++ ns/row               %7.2f\n", e.NsPerRow() / p.NsPerRow());
-  if (e.ran()) PrintRequirement("engine allocations/row once warm", e.allocations_per_row, "<=", 0);
+  PrintThreeFigures();
+  PrintEngineRatios(3);
 }
 
 }  // namespace

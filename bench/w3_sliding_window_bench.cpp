@@ -288,18 +288,12 @@ void DeviationValue(sqlite3_context* c) {
 }
 
 Sqlite& GetSqlite() {
-  static Sqlite db;
-  static const bool ready = [] {
+  return PreparedSqlite("w3", "k, ts", kQuery, [](Sqlite& db) {
     if (sqlite3_create_window_function(db.Db(), "stddev_pop", 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
                                        nullptr, DeviationStep, DeviationValue, DeviationValue,
                                        DeviationInverse, nullptr) != SQLITE_OK)
       Fail("stddev_pop");
-    db.CreateTable("w3", "k, ts");
-    db.CheckNoSort(kQuery);
-    return true;
-  }();
-  (void)ready;
-  return db;
+  });
 }
 
 Digest SqlitePass(bool check) {
@@ -328,26 +322,20 @@ BENCHMARK(BM_W3_EngineStore)->Iterations(Passes())->Unit(benchmark::kMillisecond
 BENCHMARK(BM_W3_EngineStoreEveryRow)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 void Summary() {
-  const Figure &e = Figures()["engine"], &s = Figures()["sqlite"], &p = Figures()["plain"],
-               &st = Figures()["engine store"], &every = Figures()["engine store every row"];
+  const Figure &e = Figures()["engine"], &st = Figures()["engine store"],
+               &every = Figures()["engine store every row"];
   std::printf("W3 sliding window of 100 rows per group, %zu rows in 1000 groups, best of %d passes "
               "(process CPU time):\n",
               RowCount(), Passes());
-  PrintFigure("engine", e);
+  PrintThreeFigures();
   PrintFigure("engine, store, commit/10000", st);
   if (st.ran()) std::printf("  store bytes written per row: %.1f\n", st.extra);
   PrintFigure("engine, store, commit/row", every);
   if (every.ran())
     std::printf("  (commit after every row: first %.0f rows only; %.1f store bytes per row)\n",
                 every.rows, every.extra);
-  PrintFigure("SQLite", s);
-  PrintFigure("plain C++", p);
-  CheckDigests({"plain", "engine", "sqlite", "engine store"});
-  if (e.ran() && s.ran())
-    PrintRequirement("engine rows/s / SQLite rows/s", e.RowsPerSecond() / s.RowsPerSecond(), ">=", 2);
-  if (e.ran() && p.ran())
-    std::printf("  engine ns/row / plain C++ ns/row               %7.2f\n", e.NsPerRow() / p.NsPerRow());
-  if (e.ran()) PrintRequirement("engine allocations/row once warm", e.allocations_per_row, "<=", 0);
+  CheckDigests({"plain", "engine store"});
+  PrintEngineRatios(2);
   if (e.ran() && st.ran())
     PrintRequirement("store rows/s / in-memory rows/s", st.RowsPerSecond() / e.RowsPerSecond(), ">=",
                      1.0 / 3);
