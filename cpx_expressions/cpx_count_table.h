@@ -99,9 +99,8 @@ class CpxCountTable {
     m_slots[i].value = v;
     return m_slots[i];
   }
-  void Grow() { Rehash(m_slots.empty() ? 8 : 2 * m_slots.size()); }
-  void Rehash(size_t slots) {
-    VxMemoryVector<Slot> old(slots, Slot{T{}, 0});
+  void Grow() {
+    VxMemoryVector<Slot> old(m_slots.empty() ? 8 : 2 * m_slots.size(), Slot{T{}, 0});
     old.swap(m_slots);
     m_mask = m_slots.size() - 1;
     for (const Slot& s : old) {

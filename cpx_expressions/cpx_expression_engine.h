@@ -201,11 +201,6 @@ struct CpxXmlShredderContext {
 class CpxExpressionEvaluator_Engine : public RefCounted {
  public:
   explicit CpxExpressionEvaluator_Engine(const CpxExpressionContext_Engine* context);
-  // An evaluator is run by one thread at a time and the context's map is
-  // used from one thread at a time, so its count needs no locked
-  // instruction: GetEvaluator hands out a Ptr for every row.
-  void AddRef() const { AddRefOwnedByOneThread(); }
-  void Release() const { ReleaseOwnedByOneThread(); }
   CpxExpressionEvaluator_Engine(const CpxExpressionEvaluator_Engine&) = default;
   CpxExpressionEvaluator_Engine& operator=(const CpxExpressionEvaluator_Engine&) = default;
 
