@@ -141,13 +141,19 @@ inline size_t RowCount() {
   return n;
 }
 
-// Timed passes of each benchmark (VX_BENCH_PASSES, 3 by default); the best
-// one counts.
-inline int Passes() {
-  const char* env = std::getenv("VX_BENCH_PASSES");
+inline int PositiveFromEnv(const char* name, int otherwise) {
+  const char* env = std::getenv(name);
   const int v = env ? std::atoi(env) : 0;
-  return v > 0 ? v : 3;
+  return v > 0 ? v : otherwise;
 }
+// The benchmarks of a program run in rounds (VX_BENCH_ROUNDS, 3 by default),
+// each round running every benchmark for its timed passes (VX_BENCH_PASSES,
+// 1 by default); the best pass over all rounds counts. Taking turns keeps a
+// slow spell of a shared machine from landing on one implementation only,
+// which would skew the ratios.
+inline int Passes() { return PositiveFromEnv("VX_BENCH_PASSES", 1); }
+inline int Rounds() { return PositiveFromEnv("VX_BENCH_ROUNDS", 3); }
+inline int TimedPasses() { return Passes() * Rounds(); }
 
 inline uint64_t SplitMix64(uint64_t& x) {
   uint64_t z = (x += 0x9e3779b97f4a7c15u);
@@ -269,20 +275,26 @@ inline Figure& TimePasses(benchmark::State& state, const std::string& name, doub
 // checked against the plain loop, then timed without checks.
 inline void TimeCheckedPasses(benchmark::State& state, const std::string& name,
                               const std::function<Digest(bool check)>& pass) {
-  pass(true);
+  if (!Figures()[name].ran()) pass(true);  // checked in the first round only
   TimePasses(state, name, static_cast<double>(RowCount()), [&] { return pass(false); });
 }
 
 // The engine's figure of a workload: one checked pass, the timed passes
 // (each starting with `restart`), `warmups` further passes, and then one
-// more pass whose allocations per row are counted.
+// more pass whose allocations per row are counted. The checked pass and the
+// counted one belong to the first round only.
 inline void TimeEnginePasses(benchmark::State& state, const std::function<void()>& restart,
                              const std::function<Digest(bool check)>& pass, int warmups = 0) {
-  pass(true);
+  const bool first_round = !Figures()["engine"].ran();
+  if (first_round) pass(true);
   Figure& f = TimePasses(state, "engine", static_cast<double>(RowCount()), [&] {
     restart();
     return pass(false);
   });
+  if (!first_round) {
+    state.counters["allocs/row"] = f.allocations_per_row;
+    return;
+  }
   for (int i = 0; i < warmups; ++i) pass(false);
   AllocationCount count;
   pass(false);
@@ -582,7 +594,37 @@ inline void PrintEngineRatios(double sqlite_at_least, double plain_at_most = 0) 
   if (e.ran()) PrintRequirement("engine allocations/row once warm", e.allocations_per_row, "<=", 0);
 }
 
+// A benchmark of a workload program, registered by Main once per round so
+// that the implementations take turns (see Rounds).
+struct Workload {
+  const char* name;
+  void (*run)(benchmark::State&);
+  void (*args)(benchmark::internal::Benchmark*);  // arguments, or null
+  bool every_round;                               // else in the first round only
+};
+inline std::vector<Workload>& Workloads() {
+  static std::vector<Workload> workloads;
+  return workloads;
+}
+inline int AddWorkload(const char* name, void (*run)(benchmark::State&),
+                       void (*args)(benchmark::internal::Benchmark*) = nullptr,
+                       bool every_round = true) {
+  Workloads().push_back({name, run, args, every_round});
+  return 0;
+}
+#define VX_WORKLOAD(run, ...) \
+  [[maybe_unused]] const int run##_added = ::vx::bench::AddWorkload(#run, run, ##__VA_ARGS__)
+
 inline int Main(int argc, char** argv, const std::function<void()>& summary) {
+  for (int round = 1; round <= Rounds(); ++round) {
+    for (const Workload& w : Workloads()) {
+      if (round > 1 && !w.every_round) continue;
+      const std::string name = std::string(w.name) + "/round:" + std::to_string(round);
+      benchmark::internal::Benchmark* b = benchmark::RegisterBenchmark(name.c_str(), w.run);
+      if (w.args) w.args(b);
+      b->Iterations(w.every_round ? Passes() : 1)->Unit(benchmark::kMillisecond);
+    }
+  }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   benchmark::RunSpecifiedBenchmarks();

@@ -167,13 +167,13 @@ void BM_W1_PlainCpp(benchmark::State& state) {
   });
 }
 
-BENCHMARK(BM_W1_Engine)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W1_Sqlite)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W1_PlainCpp)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+VX_WORKLOAD(BM_W1_Engine);
+VX_WORKLOAD(BM_W1_Sqlite);
+VX_WORKLOAD(BM_W1_PlainCpp);
 
 void Summary() {
   std::printf("W1 projection and filter, %zu rows, best of %d passes (process CPU time):\n",
-              RowCount(), Passes());
+              RowCount(), TimedPasses());
   PrintThreeFigures();
   PrintEngineRatios(5, 4);
 }

@@ -143,13 +143,13 @@ void BM_W2_PlainCpp(benchmark::State& state) {
   TimeCheckedPasses(state, "plain", [](bool) { return PlainPass(nullptr); });
 }
 
-BENCHMARK(BM_W2_Engine)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W2_Sqlite)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W2_PlainCpp)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+VX_WORKLOAD(BM_W2_Engine);
+VX_WORKLOAD(BM_W2_Sqlite);
+VX_WORKLOAD(BM_W2_PlainCpp);
 
 void Summary() {
   std::printf("W2 grouped running aggregates, %zu rows in 1000 groups, best of %d passes (process CPU time):\n",
-              RowCount(), Passes());
+              RowCount(), TimedPasses());
   PrintThreeFigures();
   PrintEngineRatios(3);
 }

@@ -315,18 +315,18 @@ void BM_W3_PlainCpp(benchmark::State& state) {
   TimeCheckedPasses(state, "plain", [](bool) { return PlainPass(nullptr); });
 }
 
-BENCHMARK(BM_W3_Engine)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W3_Sqlite)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W3_PlainCpp)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W3_EngineStore)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W3_EngineStoreEveryRow)->Iterations(1)->Unit(benchmark::kMillisecond);
+VX_WORKLOAD(BM_W3_Engine);
+VX_WORKLOAD(BM_W3_Sqlite);
+VX_WORKLOAD(BM_W3_PlainCpp);
+VX_WORKLOAD(BM_W3_EngineStore);
+VX_WORKLOAD(BM_W3_EngineStoreEveryRow, nullptr, false);
 
 void Summary() {
   const Figure &e = Figures()["engine"], &st = Figures()["engine store"],
                &every = Figures()["engine store every row"];
   std::printf("W3 sliding window of 100 rows per group, %zu rows in 1000 groups, best of %d passes "
               "(process CPU time):\n",
-              RowCount(), Passes());
+              RowCount(), TimedPasses());
   PrintThreeFigures();
   PrintFigure("engine, store, commit/10000", st);
   if (st.ran()) std::printf("  store bytes written per row: %.1f\n", st.extra);

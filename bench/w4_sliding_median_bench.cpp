@@ -208,13 +208,13 @@ void Sizes(benchmark::internal::Benchmark* b) {
   for (size_t n : kSizes) b->Arg(static_cast<int64_t>(n));
 }
 
-BENCHMARK(BM_W4_Engine)->Apply(Sizes)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W4_Sqlite)->Apply(Sizes)->Iterations(Passes())->Unit(benchmark::kMillisecond);
-BENCHMARK(BM_W4_PlainCpp)->Apply(Sizes)->Iterations(Passes())->Unit(benchmark::kMillisecond);
+VX_WORKLOAD(BM_W4_Engine, Sizes);
+VX_WORKLOAD(BM_W4_Sqlite, Sizes);
+VX_WORKLOAD(BM_W4_PlainCpp, Sizes);
 
 void Summary() {
   std::printf("W4 sliding median over the last N rows, %zu rows, best of %d passes (process CPU time):\n",
-              RowCount(), Passes());
+              RowCount(), TimedPasses());
   for (size_t n : kSizes) {
     const std::string s = std::to_string(n);
     std::printf(" N = %zu\n", n);

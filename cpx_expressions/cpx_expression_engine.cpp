@@ -87,6 +87,27 @@ bool CpxExpressionOperator_Engine::CheckAllFieldsAvailable(CpxExpressionEvaluato
   return true;
 }
 
+void CpxExpressionOperator_Engine::EnsureValid() {
+  ParametersChanged();
+  CpxExpressionOperator<CpxExpressionTypes>::EnsureValid();
+  m_inline_inputs = static_cast<uint8_t>(
+      CopyBoundParams(GetInputParameters(), m_bound_inputs, kInlineInputs));
+  m_inline_outputs = static_cast<uint8_t>(
+      CopyBoundParams(GetOutputParameters(), m_bound_outputs, kInlineOutputs));
+}
+
+// Copies the leading run of bound parameters that fit; returns its length.
+unsigned CpxExpressionOperator_Engine::CopyBoundParams(const ParamList& list, BoundParam* to,
+                                                       unsigned room) {
+  unsigned n = 0;
+  for (; n < room && n < list.size(); ++n) {
+    const CpxTupleFieldRef_Engine& ref = *list[n];
+    if (!ref.IsBound() || ref.GetTuplePos() > UINT16_MAX) break;
+    to[n] = {ref.GetFieldPos(), static_cast<uint16_t>(ref.GetTuplePos()), ref.GetKind()};
+  }
+  return n;
+}
+
 void CpxExpressionOperator_Engine::RaiseParameterOutOfRange(unsigned i, size_t size) const {
   XmlObject::RaiseIndexOutOfRange(i, size, GetName());
 }

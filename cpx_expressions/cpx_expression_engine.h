@@ -160,7 +160,12 @@ class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionT
   static bool CheckAllFieldsAvailable(CpxExpressionEvaluator_Engine* evaluator,
                                       const ParamList& list);
 
+  // Runs the parameter checks, then keeps the bound positions of the first
+  // parameters in the operator itself (see BoundParam).
+  void EnsureValid() override;
+
  protected:
+  void ParametersChanged() override { m_inline_inputs = m_inline_outputs = 0; }
   // Raises VX_SERVER_EXPRESSION_INVALID_WRONG_NUMBER_INPUT_PARAMETERS or
   // ..._OUTPUT_PARAMETERS unless the counts are exact (-1 skips a check).
   void InsureParameterCounts(int inputs, int outputs) const;
@@ -180,8 +185,29 @@ class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionT
                                                  unsigned i, unsigned& field_pos) const;
 
  private:
+  // A parameter's bound positions, copied out of its reference once the
+  // operator is valid: the per-row path reads them from the operator itself
+  // rather than following the parameter list to a reference object, which
+  // saves two dependent loads per parameter. Parameters past the inline
+  // room, or with positions too large for it, go through their references.
+  struct BoundParam {
+    uint32_t field_pos;
+    uint16_t tuple_pos;
+    CpxTupleSetKind kind;
+  };
+  static constexpr unsigned kInlineInputs = 4, kInlineOutputs = 2;
+  static unsigned CopyBoundParams(const ParamList& list, BoundParam* to, unsigned room);
   [[noreturn, gnu::cold, gnu::noinline]] void RaiseParameterOutOfRange(unsigned i,
                                                                        size_t size) const;
+  VX_ALWAYS_INLINE static CpxTuple* ParamTupleField(CpxExpressionEvaluator_Engine* evaluator,
+                                                    const BoundParam* bound, unsigned inline_count,
+                                                    const ParamList& list, unsigned i,
+                                                    unsigned& field_pos, const CpxExpressionOperator_Engine* op);
+
+  BoundParam m_bound_inputs[kInlineInputs] = {};
+  BoundParam m_bound_outputs[kInlineOutputs] = {};
+  uint8_t m_inline_inputs = 0;
+  uint8_t m_inline_outputs = 0;
 };
 
 // ---- XML shredding ----
@@ -201,6 +227,11 @@ struct CpxXmlShredderContext {
 class CpxExpressionEvaluator_Engine : public RefCounted {
  public:
   explicit CpxExpressionEvaluator_Engine(const CpxExpressionContext_Engine* context);
+  // An evaluator is run by one thread at a time and the context's map is
+  // used from one thread at a time, so its count needs no locked
+  // instruction: GetEvaluator hands out a Ptr for every row.
+  void AddRef() const { AddRefOwnedByOneThread(); }
+  void Release() const { ReleaseOwnedByOneThread(); }
   CpxExpressionEvaluator_Engine(const CpxExpressionEvaluator_Engine&) = default;
   CpxExpressionEvaluator_Engine& operator=(const CpxExpressionEvaluator_Engine&) = default;
 
@@ -455,22 +486,31 @@ inline CpxTuplesList_Vector* CpxExpressionEvaluator_Engine::GetVariableTuples() 
   return m_context->GetVariableTuples();
 }
 
-VX_ALWAYS_INLINE CpxTuple* CpxExpressionOperator_Engine::GetInputTupleField(
-    CpxExpressionEvaluator_Engine* evaluator, unsigned i, unsigned& field_pos) const {
-  const ParamList& in = GetInputParameters();
-  if (i >= in.size()) [[unlikely]] RaiseParameterOutOfRange(i, in.size());
-  const CpxTupleFieldRef_Engine& ref = *in[i];
+VX_ALWAYS_INLINE CpxTuple* CpxExpressionOperator_Engine::ParamTupleField(
+    CpxExpressionEvaluator_Engine* evaluator, const BoundParam* bound, unsigned inline_count,
+    const ParamList& list, unsigned i, unsigned& field_pos,
+    const CpxExpressionOperator_Engine* op) {
+  if (i < inline_count) [[likely]] {
+    const BoundParam& b = bound[i];
+    field_pos = b.field_pos;
+    return evaluator->GetTupleAt(b.kind, b.tuple_pos);
+  }
+  if (i >= list.size()) [[unlikely]] op->RaiseParameterOutOfRange(i, list.size());
+  const CpxTupleFieldRef_Engine& ref = *list[i];
   field_pos = ref.GetFieldPos();
   return evaluator->GetTupleAt(ref.GetKind(), ref.GetTuplePos());
 }
 
+VX_ALWAYS_INLINE CpxTuple* CpxExpressionOperator_Engine::GetInputTupleField(
+    CpxExpressionEvaluator_Engine* evaluator, unsigned i, unsigned& field_pos) const {
+  return ParamTupleField(evaluator, m_bound_inputs, m_inline_inputs, GetInputParameters(), i,
+                         field_pos, this);
+}
+
 VX_ALWAYS_INLINE CpxTuple* CpxExpressionOperator_Engine::GetOutputTupleField(
     CpxExpressionEvaluator_Engine* evaluator, unsigned i, unsigned& field_pos) const {
-  const ParamList& out = GetOutputParameters();
-  if (i >= out.size()) [[unlikely]] RaiseParameterOutOfRange(i, out.size());
-  const CpxTupleFieldRef_Engine& ref = *out[i];
-  field_pos = ref.GetFieldPos();
-  return evaluator->GetTupleAt(ref.GetKind(), ref.GetTuplePos());
+  return ParamTupleField(evaluator, m_bound_outputs, m_inline_outputs, GetOutputParameters(), i,
+                         field_pos, this);
 }
 
 // ---- key functors over tuples ----

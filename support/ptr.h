@@ -30,6 +30,21 @@ class RefCounted {
     if (m_refs.fetch_sub(1, std::memory_order_acq_rel) == 1) delete this;
   }
 
+ protected:
+  // The count changed without a locked instruction, for classes whose
+  // objects are owned by one thread at a time (a class hides AddRef and
+  // Release with these). Handing such an object to another thread needs the
+  // synchronisation that hands over the rest of its state anyway.
+  void AddRefOwnedByOneThread() const {
+    m_refs.store(m_refs.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  }
+  void ReleaseOwnedByOneThread() const {
+    const uint32_t left = m_refs.load(std::memory_order_relaxed) - 1;
+    m_refs.store(left, std::memory_order_relaxed);
+    if (left == 0) delete this;
+  }
+
+ public:
   // Number of `Ptr` holders. Exact only while no other thread changes it.
   uint32_t GetRefCount() const { return m_refs.load(std::memory_order_acquire); }
 

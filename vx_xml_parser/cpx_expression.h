@@ -120,8 +120,14 @@ class CpxExpressionOperator : public XmlNamedObject {
 
   const XmlQName& GetOperatorTypeName() const { return m_type; }
   Context* GetContext() const { return m_context.Get(); }
-  void SetInputParameters(ParamList list) { m_inputs = std::move(list); }
-  void SetOutputParameters(ParamList list) { m_outputs = std::move(list); }
+  void SetInputParameters(ParamList list) {
+    m_inputs = std::move(list);
+    ParametersChanged();
+  }
+  void SetOutputParameters(ParamList list) {
+    m_outputs = std::move(list);
+    ParametersChanged();
+  }
   const ParamList& GetInputParameters() const { return m_inputs; }
   const ParamList& GetOutputParameters() const { return m_outputs; }
   const std::string& GetLastInsureValidParameterErrorString() const { return m_last_error; }
@@ -145,6 +151,10 @@ class CpxExpressionOperator : public XmlNamedObject {
   static bool CheckFieldsType(const ParamList& list, const XmlQName& type);
 
  protected:
+  // Called whenever the parameter lists are replaced (by a setter or by
+  // reading the element), for subclasses that keep something derived from
+  // them.
+  virtual void ParametersChanged() {}
   // Checks counts and types; a bound of -1 disables that check. Raises at
   // once when there are too few inputs; otherwise returns false with the
   // last error set.

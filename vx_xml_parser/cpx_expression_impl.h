@@ -193,6 +193,7 @@ template <class Types>
 void CpxExpressionOperator<Types>::DoReadContent(XmlReaderContext& reader) {
   ReadParameters(reader, GetInputParametersName(), m_inputs);
   ReadParameters(reader, GetOutputParametersName(), m_outputs);
+  ParametersChanged();
 }
 
 template <class Types>
