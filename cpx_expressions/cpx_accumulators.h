@@ -472,6 +472,14 @@ class CpxExtremeMultiplicityMap {
     if (!m_pending.empty()) EnterPending();
     return m_counts.Size();
   }
+  // At least the number of entries, without entering the pending values.
+  size_t SizeBound() const { return m_counts.Size() + m_pending.size(); }
+  // Calls fn(value, count) for every entry, in no particular order.
+  template <class Fn>
+  void ForEachUnordered(Fn&& fn) {
+    if (!m_pending.empty()) EnterPending();
+    m_counts.ForEachUnordered(fn);
+  }
   // The first value in `Order`; the map is not empty.
   Value First() const { return m_first; }
 
@@ -560,36 +568,145 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
   }
   static void operator delete(void* p) { VxMemoryFuncFree(p); }
 
-  // A multiplicity container whose changes save (or delete) their entries
-  // as items numbered kItem. An entry is saved under the value as held, so
-  // that equivalent values (NaNs, zeros of either sign) share one record.
+  // A multiplicity container whose changes are saved as item kItem.
+  //
+  // A container of fixed-size values with up to kWholeMax entries is one
+  // record, written when the batch is written: the entries as (value bits,
+  // 8 bytes; count, 4 bytes) pairs. A sliding window changes such a table on
+  // every row, and one record per commit costs the store far less than a
+  // put and a delete per row. A larger container (and any of texts or
+  // bytes) has one record per entry, saved at each change under the value as
+  // held, so that equivalent values (NaNs, zeros of either sign) share one
+  // record; a count of 0 deletes it. The form changes when the size crosses
+  // kWholeMax (up) or half of it (down), in the batch of that change: the
+  // records of the old form are deleted there.
   template <class Field, class Container, uint32_t kItem>
   class Counts : public Container {
+    using Access = CpxAccumulatorValue<Field>;
+
    public:
-    using Value = typename CpxAccumulatorValue<Field>::Value;
+    using Value = typename Access::Value;
+    static constexpr uint32_t kWholeMax = 1024;
+
     // Returns the value's new count.
     uint32_t Add(CpxAccumulatorState& state, Batch* batch, Value v) {
       const auto entry = Container::Add(v);
-      CpxAccumulatorValue<Field>::SaveCount(state, batch, kItem, entry.value, entry.count);
+      Changed(state, batch, entry.value, entry.count);
       return entry.count;
+    }
+    // An add whose count nobody reads (see CpxExtremeMultiplicityMap): it
+    // may wait while the container is written whole.
+    void AddUncounted(CpxAccumulatorState& state, Batch* batch, Value v)
+      requires(requires(Container c) { c.AddUncounted(v); }) {
+      if (batch && (m_entries || Container::SizeBound() >= kWholeMax)) {
+        Add(state, batch, v);
+        return;
+      }
+      Container::AddUncounted(v);
+      if (batch) state.DeferCounts(*batch, this, &WriteWhole);
     }
     // Returns the count left, or nothing when `v` is not held.
     std::optional<uint32_t> Remove(CpxAccumulatorState& state, Batch* batch, Value v) {
       const auto entry = Container::Remove(v);
       if (!entry) return std::nullopt;
-      CpxAccumulatorValue<Field>::SaveCount(state, batch, kItem, entry->value, entry->count);
+      Changed(state, batch, entry->value, entry->count);
       return entry->count;
     }
     bool Load(const PutMessage& message, unsigned block) {
-      typename CpxAccumulatorValue<Field>::Key key{};
+      if constexpr (!Access::kBytes) {
+        if (message.GetKey().GetValuesNumber() == block + 2) return LoadWhole(message);
+      }
+      typename Access::Key key{};
       uint32_t count = 0;
-      if (!CpxAccumulatorValue<Field>::LoadCount(message, block, kItem, key, count) || count == 0)
-        return false;
-      Container::Add(CpxAccumulatorValue<Field>::View(key), count);
+      if (!Access::LoadCount(message, block, kItem, key, count) || count == 0) return false;
+      Container::Add(Access::View(key), count);
+      m_entries = true;
       return true;
     }
     static constexpr uint32_t kNumber = kItem;
+
+   private:
+    static constexpr size_t kPairBytes = 12;
+
+    void Changed(CpxAccumulatorState& state, Batch* batch, Value v, uint32_t count) {
+      if (!batch) return;
+      if constexpr (!Access::kBytes) {
+        const size_t size = Container::Size();
+        if (!m_entries && size > kWholeMax) {
+          m_entries = true;
+          state.EraseRawBuffer(batch, kItem);
+          ForEachEntry([&](Value held, uint32_t n) { Access::SaveCount(state, batch, kItem, held, n); });
+          return;
+        }
+        if (m_entries && size < kWholeMax / 2) {
+          m_entries = false;
+          state.EraseAllOfItem(batch, kItem);
+        }
+        if (!m_entries) return state.DeferCounts(*batch, this, &WriteWhole);
+      }
+      Access::SaveCount(state, batch, kItem, v, count);
+    }
+    template <class Fn>
+    void ForEachEntry(Fn&& fn) {
+      if constexpr (requires { Container::ForEachUnordered(fn); }) {
+        Container::ForEachUnordered(fn);
+      } else {
+        Container::ForEach(fn);
+      }
+    }
+    static void WriteWhole(CpxAccumulatorState& state, void* self, Batch& batch) {
+      if constexpr (!Access::kBytes) {
+        Counts& counts = *static_cast<Counts*>(self);
+        if (counts.m_entries) return;
+        if (counts.Container::Empty()) return state.EraseRawBuffer(&batch, kItem);
+        std::string& bytes = WholeBuffer();
+        bytes.clear();
+        counts.ForEachEntry([&](Value held, uint32_t n) {
+          char pair[kPairBytes] = {};
+          std::memcpy(pair, &held, sizeof held);  // little-endian: the low bytes of the bits
+          std::memcpy(pair + 8, &n, 4);
+          bytes.append(pair, kPairBytes);
+        });
+        state.SaveRawBuffer(&batch, kItem, bytes);
+      }
+    }
+    bool LoadWhole(const PutMessage& message) {
+      const std::string_view bytes = message.GetKey().GetRawValue();
+      if (bytes.size() % kPairBytes != 0) return false;
+      for (size_t at = 0; at < bytes.size(); at += kPairBytes) {
+        typename Access::Key key{};
+        uint32_t n = 0;
+        std::memcpy(&key, bytes.data() + at, sizeof key);
+        std::memcpy(&n, bytes.data() + at + 8, 4);
+        if (n == 0) return false;
+        Container::Add(Access::View(key), n);
+      }
+      m_entries = false;
+      return true;
+    }
+    // The record being built, reused from commit to commit.
+    static std::string& WholeBuffer() {
+      thread_local std::string buffer;
+      return buffer;
+    }
+
+    bool m_entries = false;  // one record per entry (else one record for all)
   };
+
+  // Writes the scalar items changed since the last write and the container
+  // registered by DeferCounts, when the batch is written.
+  void WriteDeferred(Batch& batch) override {
+    for (unsigned i = 0; i < m_dirty_count; ++i) {
+      const DirtyItem& d = m_dirty[i];
+      SaveRawBuffer(&batch, d.item,
+                    std::string_view(reinterpret_cast<const char*>(this) + d.offset, d.size));
+    }
+    m_dirty_count = 0;
+    if (m_counts_writer) {
+      const CountsWriter writer = std::exchange(m_counts_writer, nullptr);
+      writer(*this, reinterpret_cast<char*>(this) + m_counts_offset, batch);
+    }
+  }
 
  protected:
   // A scalar member as item `number`: the member's bytes.
@@ -605,11 +722,26 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
     }
   };
 
+  // Saves a scalar member as item `item` when the batch is written (its
+  // value then), so that a member changed on every row is written once per
+  // commit.
   template <class M>
   void SaveItem(Batch* batch, uint32_t item, const M& member) {
-    if (batch)
-      SaveRawBuffer(batch, item,
-                    std::string_view(reinterpret_cast<const char*>(&member), sizeof member));
+    if (!batch) return;
+    const std::ptrdiff_t offset =
+        reinterpret_cast<const char*>(&member) - reinterpret_cast<const char*>(this);
+    static_assert(sizeof(M) <= UINT8_MAX);
+    if (item > UINT8_MAX || offset < 0 || offset > UINT16_MAX) [[unlikely]]
+      return SaveRawBuffer(batch, item,
+                           std::string_view(reinterpret_cast<const char*>(&member), sizeof member));
+    EnsureDeferred(*batch);
+    for (unsigned i = 0; i < m_dirty_count; ++i)
+      if (m_dirty[i].item == item) return;
+    if (m_dirty_count == kDirtyMax) [[unlikely]]
+      return SaveRawBuffer(batch, item,
+                           std::string_view(reinterpret_cast<const char*>(&member), sizeof member));
+    m_dirty[m_dirty_count++] = {static_cast<uint8_t>(item), static_cast<uint8_t>(sizeof(M)),
+                                static_cast<uint16_t>(offset)};
   }
 
   // Assigns the one item of `message` that matches one of `items` (scalar
@@ -623,6 +755,30 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
   }
 
  private:
+  // A scalar item to write: its number, size and place in the state.
+  struct DirtyItem {
+    uint8_t item;
+    uint8_t size;
+    uint16_t offset;
+  };
+  static constexpr unsigned kDirtyMax = 6;
+  using CountsWriter = void (*)(CpxAccumulatorState& state, void* counts, Batch& batch);
+
+  // Waits in `batch` from now on; what was noted for an earlier batch that
+  // was dropped without being written goes.
+  void EnsureDeferred(Batch& batch) {
+    if (IsDeferredIn(batch)) return;
+    m_dirty_count = 0;
+    m_counts_writer = nullptr;
+    Defer(batch);
+  }
+  void DeferCounts(Batch& batch, void* counts, CountsWriter writer) {
+    EnsureDeferred(batch);
+    m_counts_writer = writer;
+    m_counts_offset = static_cast<uint32_t>(reinterpret_cast<char*>(counts) -
+                                            reinterpret_cast<char*>(this));
+  }
+
   template <class I>
   static uint32_t NumberOf(const I& item) {
     if constexpr (requires { item.number; }) {
@@ -631,6 +787,11 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
       return I::kNumber;
     }
   }
+
+  CountsWriter m_counts_writer = nullptr;
+  uint32_t m_counts_offset = 0;
+  uint8_t m_dirty_count = 0;
+  DirtyItem m_dirty[kDirtyMax] = {};
 };
 
 template <class Field>
@@ -946,13 +1107,14 @@ class CpxExtremeState final : public CpxAccumulatorState {
   using Value = typename CpxAccumulatorValue<In>::Value;
 
  public:
-  // Without a store nobody reads the value's count: a fixed-size value
-  // may wait to be entered (see CpxExtremeMultiplicityMap).
+  // Nobody reads the value's count: a fixed-size value may wait to be
+  // entered (see CpxExtremeMultiplicityMap and Counts::AddUncounted).
   void AddValue(Batch* batch, Value v) {
     if constexpr (!CpxAccumulatorValue<In>::kBytes) {
-      if (!batch) return m_values.AddUncounted(v);
+      return m_values.AddUncounted(*this, batch, v);
+    } else {
+      m_values.Add(*this, batch, v);
     }
-    m_values.Add(*this, batch, v);
   }
   void RemoveValue(Batch* batch, Value v) {
     if (!m_values.Remove(*this, batch, v)) CpxRaiseExtraNegative<In>(Kind.method, v);

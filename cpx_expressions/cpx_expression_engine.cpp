@@ -309,15 +309,18 @@ uint32_t CpxExpressionEvaluator_Engine::ChangeTuplesCount(const CpxTuple& tuple)
   } else if (type == Message::kNegative) {
     --m_tuples_count;
   }
-  if (m_batch && m_group_tuple) {
-    // Group record: the live-row count, then the group's key values.
-    m_record.resize(4 + m_group_tuple->GetRequiredBufferSize());
-    std::memcpy(m_record.data(), &m_tuples_count, 4);
-    m_group_tuple->SerializeBody(reinterpret_cast<unsigned char*>(m_record.data()) + 4,
-                                 static_cast<uint32_t>(m_record.size() - 4));
-    m_batch->Put(m_key, m_record);
-  }
+  if (m_batch && m_group_tuple) Defer(*m_batch);
   return m_tuples_count;
+}
+
+// The group record: the live-row count, then the group's key values.
+void CpxExpressionEvaluator_Engine::WriteDeferred(CpxPersistentStorageBatch& batch) {
+  if (!m_group_tuple) return;
+  m_record.resize(4 + m_group_tuple->GetRequiredBufferSize());
+  std::memcpy(m_record.data(), &m_tuples_count, 4);
+  m_group_tuple->SerializeBody(reinterpret_cast<unsigned char*>(m_record.data()) + 4,
+                               static_cast<uint32_t>(m_record.size() - 4));
+  batch.Put(m_key, m_record);
 }
 
 // ---- context ----

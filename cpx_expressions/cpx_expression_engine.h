@@ -78,10 +78,16 @@ class CpxTupleFieldRef_Engine : public CpxTupleFieldRef<CpxExpressionTypes> {
 // further key blocks (a sequence number, a counted value), and the item's
 // bytes as the record's value. After a restart every record comes back
 // through RestoreFromPersistentStorage.
-class CpxExpressionOperatorState_Engine : public RefCounted {
+class CpxExpressionOperatorState_Engine : public CpxPersistentStorageDeferredWrite {
  public:
   using PutMessage = CpxPersistentStorageMessage_Put;
   ~CpxExpressionOperatorState_Engine() override = default;
+
+  // A state that defers its writes (see CpxPersistentStorageDeferredWrite)
+  // writes them here; the others write at each change and have nothing left.
+  void WriteDeferred(CpxPersistentStorageBatch&) override {}
+  // Its group was deleted: nothing deferred is written any more.
+  void CancelDeferredWrite() { CancelDeferred(); }
 
   // Builds the state key; called when the state is created in an evaluator
   // that runs with persistence.
@@ -97,6 +103,10 @@ class CpxExpressionOperatorState_Engine : public RefCounted {
   void SaveKeyedRawBuffer(CpxPersistentStorageBatch* batch, uint32_t item, uint64_t sub,
                           std::string_view bytes);
   void EraseKeyedRawBuffer(CpxPersistentStorageBatch* batch, uint32_t item, uint64_t sub);
+  // Deletes item `item`'s own record; EraseAllOfItem also every record of
+  // the item's kind (its keyed records).
+  void EraseRawBuffer(CpxPersistentStorageBatch* batch, uint32_t item);
+  void EraseAllOfItem(CpxPersistentStorageBatch* batch, uint32_t item);
   // Counted values (distinct strings and blobs): one record per value.
   void SaveCountStringValue(CpxPersistentStorageBatch* batch, uint32_t item, std::string_view text,
                             uint32_t count);
@@ -224,7 +234,7 @@ struct CpxXmlShredderContext {
 
 // ---- evaluator ----
 
-class CpxExpressionEvaluator_Engine : public RefCounted {
+class CpxExpressionEvaluator_Engine : public CpxPersistentStorageDeferredWrite {
  public:
   explicit CpxExpressionEvaluator_Engine(const CpxExpressionContext_Engine* context);
   // An evaluator is run by one thread at a time and the context's map is
@@ -246,7 +256,9 @@ class CpxExpressionEvaluator_Engine : public RefCounted {
   // next-operator index to 0 and clears dirty. A clean evaluator is left as is.
   void Reset();
   // +1 for a positive tuple, -1 for a negative one; returns the new count.
-  // With persistence the group record (count and group key values) is put.
+  // With persistence the group record (count and group key values) is put
+  // when the batch is written (see WriteDeferred).
+  void WriteDeferred(CpxPersistentStorageBatch& batch) override;
   uint32_t ChangeTuplesCount(const CpxTuple& tuple);
 
   // Persistence: the batch this evaluator writes to and its key (the

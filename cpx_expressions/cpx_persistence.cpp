@@ -92,6 +92,16 @@ void CpxExpressionOperatorState_Engine::SaveKeyedRawBuffer(CpxPersistentStorageB
   batch->Put(key, bytes);
 }
 
+void CpxExpressionOperatorState_Engine::EraseRawBuffer(CpxPersistentStorageBatch* batch,
+                                                       uint32_t item) {
+  if (batch) batch->Delete(RecordKey(item));
+}
+
+void CpxExpressionOperatorState_Engine::EraseAllOfItem(CpxPersistentStorageBatch* batch,
+                                                       uint32_t item) {
+  if (batch) batch->DeleteAll(RecordKey(item));
+}
+
 void CpxExpressionOperatorState_Engine::EraseKeyedRawBuffer(CpxPersistentStorageBatch* batch,
                                                             uint32_t item, uint64_t sub) {
   if (!batch) return;
@@ -167,7 +177,11 @@ void CpxExpressionEvaluator_Engine::SetPersistentKey(CpxPersistentStorageBatch* 
 }
 
 void CpxExpressionEvaluator_Engine::RemoveAllFromPersistentStorage() {
-  if (m_batch) m_batch->DeleteAll(m_key);
+  if (!m_batch) return;
+  CancelDeferred();
+  for (const Ptr<CpxExpressionOperatorState_Engine>& state : m_states)
+    if (state) state->CancelDeferredWrite();
+  m_batch->DeleteAll(m_key);
 }
 
 void CpxExpressionEvaluator_Engine::RestoreFromPersistentStorage(

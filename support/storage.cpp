@@ -6,6 +6,7 @@
 #include <rocksdb/write_batch.h>
 
 #include <algorithm>
+#include <atomic>
 #include <filesystem>
 
 #include "support/hash.h"
@@ -108,10 +109,33 @@ bool WritableBlocksBuffer::Decode(std::string_view encoded, WritableBlocksBuffer
   return true;
 }
 
+// ---- deferred writers ----
+
+namespace {
+
+uint64_t NextBatchGeneration() {
+  static std::atomic<uint64_t> generation{0};
+  return generation.fetch_add(1, std::memory_order_relaxed) + 1;
+}
+
+}  // namespace
+
+void CpxPersistentStorageDeferredWrite::Defer(CpxPersistentStorageBatch& batch) {
+  if (m_deferred_generation == batch.m_generation) return;
+  m_deferred_generation = batch.m_generation;
+  batch.m_deferred.emplace_back(this);
+}
+
+bool CpxPersistentStorageDeferredWrite::IsDeferredIn(const CpxPersistentStorageBatch& batch) const {
+  return m_deferred_generation == batch.m_generation;
+}
+
 // ---- CpxPersistentStorageBatch ----
 
 CpxPersistentStorageBatch::CpxPersistentStorageBatch()
-    : m_index(64, IndexSlot{0, 0}), m_batch(std::make_unique<rocksdb::WriteBatch>()) {}
+    : m_index(64, IndexSlot{0, 0}),
+      m_generation(NextBatchGeneration()),
+      m_batch(std::make_unique<rocksdb::WriteBatch>()) {}
 CpxPersistentStorageBatch::~CpxPersistentStorageBatch() = default;
 
 void CpxPersistentStorageBatch::Write(std::string_view key, std::string_view value, bool erase) {
@@ -186,7 +210,7 @@ void CpxPersistentStorageBatch::PutMeta(std::string_view name, std::string_view 
 }
 
 bool CpxPersistentStorageBatch::IsEmpty() const {
-  return m_records.empty() && m_delete_all.empty();
+  return m_records.empty() && m_delete_all.empty() && m_deferred.empty();
 }
 
 void CpxPersistentStorageBatch::Clear() {
@@ -195,13 +219,27 @@ void CpxPersistentStorageBatch::Clear() {
   std::fill(m_index.begin(), m_index.end(), IndexSlot{0, 0});
   m_delete_all.clear();
   m_sequence = 0;
+  m_deferred.clear();
+  m_generation = NextBatchGeneration();
   m_batch->Clear();
+}
+
+// Each writer writes once; a writer that changes again afterwards (none
+// does while the batch is being written) waits for the next batch.
+void CpxPersistentStorageBatch::WriteDeferred() {
+  for (size_t i = 0; i < m_deferred.size(); ++i) {
+    CpxPersistentStorageDeferredWrite& w = *m_deferred[i];
+    if (w.IsDeferredIn(*this)) w.WriteDeferred(*this);
+    w.m_deferred_generation = 0;
+  }
+  m_deferred.clear();
 }
 
 // Each record's last write and each delete-all go into RocksDB's batch in the
 // order they were made, so that a delete-all removes exactly what was
 // written before it. Without delete-alls the order does not matter.
 rocksdb::WriteBatch& CpxPersistentStorageBatch::GetWriteBatch() {
+  WriteDeferred();
   m_batch->Clear();
   auto emit = [&](const Record& r) {
     const std::string_view k = KeyOf(r);

@@ -25,6 +25,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/ptr.h"
+
 namespace rocksdb {
 class DB;
 class WriteBatch;
@@ -107,6 +109,41 @@ class CpxPersistentStorageMessage_DelAll : public CpxPersistentStorageMessage {
       : CpxPersistentStorageMessage(Kind::kDelAll, std::move(key)) {}
 };
 
+class CpxPersistentStorageBatch;
+
+// Something that writes its records when the batch is written rather than at
+// each change: a state that changes on every row writes its last values once
+// per commit, and a table small enough to be one record is written whole
+// instead of one record per changed entry. The batch keeps a share of each
+// writer it holds, so a writer outlives its last change until the batch is
+// written.
+class CpxPersistentStorageDeferredWrite : public RefCounted {
+ public:
+  CpxPersistentStorageDeferredWrite() = default;
+  // A copy waits in no batch.
+  CpxPersistentStorageDeferredWrite(const CpxPersistentStorageDeferredWrite& o) : RefCounted(o) {}
+  CpxPersistentStorageDeferredWrite& operator=(const CpxPersistentStorageDeferredWrite&) {
+    return *this;
+  }
+
+  // Writes the records (Put, Delete, DeleteAll on `batch`). Called once per
+  // Defer, when the batch is turned into the store's form.
+  virtual void WriteDeferred(CpxPersistentStorageBatch& batch) = 0;
+
+ protected:
+  // Registers this writer with `batch` unless it already waits there. A
+  // writer whose records must not be written after all (its group was
+  // deleted) calls CancelDeferred.
+  void Defer(CpxPersistentStorageBatch& batch);
+  void CancelDeferred() { m_deferred_generation = 0; }
+  // True inside WriteDeferred when the writer was deferred and not cancelled.
+  bool IsDeferredIn(const CpxPersistentStorageBatch& batch) const;
+
+ private:
+  friend class CpxPersistentStorageBatch;
+  uint64_t m_deferred_generation = 0;  // the batch generation it waits in; 0: none
+};
+
 // The changes written since the batch was started, committed atomically by
 // the manager: the changes of one row, or of many when the caller commits
 // every so many rows (see docs/persistence.md).
@@ -134,13 +171,21 @@ class CpxPersistentStorageBatch {
   void PutMeta(std::string_view name, std::string_view value);
 
   bool IsEmpty() const;
-  // The number of records the batch holds (after coalescing).
+  // The number of records the batch holds (after coalescing; deferred
+  // writers not yet asked).
   size_t GetRecordCount() const { return m_records.size(); }
   void Clear();
-  // The batch in RocksDB's form, built from what the batch holds.
+  // The batch in RocksDB's form, built from what the batch holds once every
+  // deferred writer has written.
   rocksdb::WriteBatch& GetWriteBatch();
+  // Runs the deferred writers now (GetWriteBatch does it too).
+  void WriteDeferred();
+
+  // Changes with every Clear; unique over all batches of the process, never 0.
+  uint64_t GetGeneration() const { return m_generation; }
 
  private:
+  friend class CpxPersistentStorageDeferredWrite;
   // A record is a key and either a value or a deletion; `sequence` orders
   // its last write against the delete-alls.
   struct Record {
@@ -161,6 +206,8 @@ class CpxPersistentStorageBatch {
   std::vector<IndexSlot> m_index;      // open addressing over the records' keys
   std::vector<std::pair<std::string, uint64_t>> m_delete_all;  // prefixes and when
   uint64_t m_sequence = 0;
+  uint64_t m_generation;
+  std::vector<Ptr<CpxPersistentStorageDeferredWrite>> m_deferred;
   std::unique_ptr<rocksdb::WriteBatch> m_batch;
 };
 

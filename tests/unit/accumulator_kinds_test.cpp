@@ -88,6 +88,8 @@ class Acc {
       return std::string(m.GetSite()->GetText()) + " m_counter=" + *m.FindValue("m_counter");
     }
   }
+  // Reads the state back from the store (a restart).
+  void Restore() { m_ctx->RestoreMessages(); }
 
  private:
   Ptr<CpxExpressionContext_Engine> m_ctx;
@@ -504,8 +506,9 @@ TEST_F(AccumulatorStore, DistinctEntriesAreSavedAndDeleted) {
     Acc sum("AccumulatorSumDistinctInteger", "integer", "integer", m_store.get());
     sum.AddAll({"5", "5", "7"});
     sum.Remove("7");
-    // The entry of 5 (count 2) under item 0, keyed by its bits; 7's is gone.
-    EXPECT_EQ(Records(), (std::vector<std::string>{"0[0500000000000000]:02000000", "1:05000000",
+    // The small table is one record, item 0: 5's bits and its count 2; 7's
+    // pair is gone.
+    EXPECT_EQ(Records(), (std::vector<std::string>{"0:050000000000000002000000", "1:05000000",
                                                    "2:00000000", "3:01"}));
   }
   Fresh();
@@ -524,23 +527,25 @@ TEST_F(AccumulatorStore, ItemsOfEachKind) {
     const char* type;
     const char* in;
     const char* out;
-    std::vector<std::string> items;  // item numbers stored after adding 3
+    std::vector<std::string> items;  // records after adding 3 ("item:" prefixes)
+    const char* table;               // the value table's record, or null
   };
   const Case cases[] = {
-      {"AccumulatorAvgLong", "long", "float", {"0", "1"}},
-      {"AccumulatorAvgDistinctLong", "long", "float", {"0[", "1", "2"}},
-      {"AccumulatorMedianLong", "long", "float", {"0["}},
-      {"AccumulatorMedianDistinctLong", "long", "float", {"0["}},
-      {"AccumulatorStandardDeviationLong", "long", "float", {"0", "1", "2[", "3"}},
-      {"AccumulatorStandardDeviationDistinctLong", "long", "float", {"0", "1", "2[", "3"}},
-      {"AccumulatorMeanDeviationLong", "long", "float", {"0", "1", "2["}},
-      {"AccumulatorMeanDeviationDistinctLong", "long", "float", {"0", "1", "2["}},
-      {"AccumulatorMinLong", "long", "long", {"0["}},
-      {"AccumulatorMaxDistinctLong", "long", "long", {"0["}},
-      {"AccumulatorCountDistinctLong", "long", "integer", {"0", "1["}},
-      {"AccumulatorCount", "long", "integer", {"0"}},
-      {"AccumulatorCountRows", "long", "integer", {"0"}},
-      {"AccumulatorLastLong", "long", "long", {}},
+      {"AccumulatorAvgLong", "long", "float", {"0:", "1:"}, nullptr},
+      {"AccumulatorAvgDistinctLong", "long", "float", {"0:", "1:", "2:"}, "0:"},
+      {"AccumulatorMedianLong", "long", "float", {"0:"}, "0:"},
+      {"AccumulatorMedianDistinctLong", "long", "float", {"0:"}, "0:"},
+      {"AccumulatorStandardDeviationLong", "long", "float", {"0:", "1:", "2:", "3:"}, "2:"},
+      {"AccumulatorStandardDeviationDistinctLong", "long", "float", {"0:", "1:", "2:", "3:"}, "2:"},
+      {"AccumulatorMeanDeviationLong", "long", "float", {"0:", "1:", "2:"}, "2:"},
+      {"AccumulatorMeanDeviationDistinctLong", "long", "float", {"0:", "1:", "2:"}, "2:"},
+      {"AccumulatorMinLong", "long", "long", {"0:"}, "0:"},
+      {"AccumulatorMaxDistinctLong", "long", "long", {"0:"}, "0:"},
+      {"AccumulatorCountDistinctLong", "long", "integer", {"0:", "1:"}, "1:"},
+      {"AccumulatorCountDistinctString", "string", "integer", {"0:", "1[33]:"}, "1[33]:"},
+      {"AccumulatorCount", "long", "integer", {"0:"}, nullptr},
+      {"AccumulatorCountRows", "long", "integer", {"0:"}, nullptr},
+      {"AccumulatorLastLong", "long", "long", {}, nullptr},
   };
   for (const Case& c : cases) {
     Fresh();
@@ -550,10 +555,49 @@ TEST_F(AccumulatorStore, ItemsOfEachKind) {
     ASSERT_EQ(records.size(), c.items.size()) << c.type;
     for (size_t i = 0; i < records.size(); ++i)
       EXPECT_EQ(records[i].substr(0, c.items[i].size()), c.items[i]) << c.type;
-    // Retracting the value deletes every map entry; the scalars stay.
+    // Retracting the value empties the table, whose record goes; the
+    // scalars stay.
     acc.Remove("3");
-    for (const std::string& r : Records())
-      EXPECT_EQ(r.find('['), std::string::npos) << c.type << " " << r;
+    std::vector<std::string> left;
+    for (const std::string& r : Records()) left.push_back(r.substr(0, r.find(':') + 1));
+    std::vector<std::string> expected = c.items;
+    if (c.table) std::erase(expected, std::string(c.table));
+    EXPECT_EQ(left, expected) << c.type;
+  }
+}
+
+// A table of more than 1,024 values keeps one record per entry, and goes
+// back to one record once it is down to fewer than 512; a restart reads
+// either form back.
+TEST_F(AccumulatorStore, LargeTablesKeepARecordPerEntry) {
+  auto entry_records = [&] {
+    size_t n = 0;
+    for (const std::string& r : Records()) n += r.find('[') != std::string::npos;
+    return n;
+  };
+  const std::pair<const char*, const char*> kinds[] = {{"AccumulatorMinLong", "long"},
+                                                       {"AccumulatorMedianLong", "float"}};
+  for (const auto& [type, out] : kinds) {
+    Fresh();
+    Acc twin(type, "long", out, nullptr);  // the same rows, never restarted
+    {
+      Acc acc(type, "long", out, m_store.get());
+      for (int i = 0; i < 1100; ++i) EXPECT_EQ(acc.Add(std::to_string(i)), twin.Add(std::to_string(i)));
+    }
+    EXPECT_EQ(entry_records(), 1100u) << type;
+    EXPECT_EQ(Records().size(), 1100u) << type;
+    {
+      Acc acc(type, "long", out, m_store.get());
+      acc.Restore();
+      for (int i = 0; i < 700; ++i)
+        EXPECT_EQ(acc.Remove(std::to_string(i)), twin.Remove(std::to_string(i))) << type << " " << i;
+    }
+    EXPECT_EQ(entry_records(), 0u) << type;
+    EXPECT_EQ(Records().size(), 1u) << type;
+    Acc acc(type, "long", out, m_store.get());
+    acc.Restore();
+    EXPECT_EQ(acc.Add("5000"), twin.Add("5000")) << type;
+    EXPECT_EQ(acc.Remove("700"), twin.Remove("700")) << type;
   }
 }
 
