@@ -71,7 +71,8 @@ CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* sl
 }
 
 CpxTuple::~CpxTuple() {
-  for (unsigned i = 0; i < m_count; ++i) VxMemoryFuncFree(m_slots[i].var);
+  for (unsigned i = 0; i < m_count; ++i)
+    if (m_slots[i].variable) VxMemoryFuncFree(m_slots[i].var);
   if (m_own_slots) VxMemoryFuncFree(m_slots);
 }
 

@@ -180,15 +180,20 @@ class CpxTuple : public Message {
   CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* slot_room = nullptr);
 
  private:
+  // 24 bytes: a fixed-size value lives in the slot itself, a variable-size
+  // one in an allocation the slot points to, so the two share their room.
   struct FieldSlot {
+    union {
+      unsigned char fixed[8];
+      unsigned char* var = nullptr;  // string, blob or xml (`variable`)
+    };
     uint32_t size = 0;
     uint32_t capacity = 0;
     bool present = false;
-    unsigned char fixed[8] = {};
-    bool variable = false;     // string, blob or xml: the value lives in `var`
-    uint8_t fixed_size = 0;    // the stored size of a fixed-size kind
-    unsigned char* var = nullptr;
+    bool variable = false;   // string, blob or xml: the value lives in `var`
+    uint8_t fixed_size = 0;  // the stored size of a fixed-size kind
   };
+  static_assert(sizeof(FieldSlot) == 24);
   VX_ALWAYS_INLINE FieldSlot& Slot(unsigned p) {
     if (p >= m_count) [[unlikely]] RaiseFieldOutOfRange(p);
     return m_slots[p];
