@@ -61,18 +61,32 @@ CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* sl
       if (!m_slots) throw std::bad_alloc();
       m_own_slots = true;
     }
+    unsigned char* room =
+        slot_room ? static_cast<unsigned char*>(slot_room) + kSlotSize * m_count : nullptr;
     for (unsigned i = 0; i < m_count; ++i) {
       FieldSlot* slot = new (&m_slots[i]) FieldSlot();
       const CpxFieldKind kind = m_td->GetFieldKind(i);
       slot->variable = IsVariableSizeKind(kind);
       slot->fixed_size = static_cast<uint8_t>(FixedSizeOfKind(kind));
+      if (slot->variable && room) {
+        slot->var = room;
+        slot->capacity = kInlineValueBytes;
+        room += kInlineValueBytes;
+      }
     }
   }
 }
 
+size_t CpxTuple::InlineRoomSize(const CpxTupleDescriptor& td) {
+  size_t bytes = 0;
+  for (unsigned i = 0; i < td.GetFieldCount(); ++i)
+    if (IsVariableSizeKind(td.GetFieldKind(i))) bytes += kInlineValueBytes;
+  return bytes;
+}
+
 CpxTuple::~CpxTuple() {
   for (unsigned i = 0; i < m_count; ++i)
-    if (m_slots[i].variable) VxMemoryFuncFree(m_slots[i].var);
+    if (m_slots[i].variable && m_slots[i].owned) VxMemoryFuncFree(m_slots[i].var);
   if (m_own_slots) VxMemoryFuncFree(m_slots);
 }
 
@@ -90,13 +104,13 @@ void* CpxTuple_Writable::operator new(size_t size) { return AllocateTuple(size);
 void* CpxTuple_Writable::operator new(size_t size, SlotRoom room) {
   // The slots start right after the object.
   static_assert(sizeof(CpxTuple_Writable) % alignof(CpxTuple) == 0);
-  return AllocateTuple(size + kSlotSize * room.fields);
+  return AllocateTuple(size + kSlotSize * room.fields + room.inline_bytes);
 }
 void CpxTuple_Writable::operator delete(void* p) { VxMemoryFuncFree(p); }
 void CpxTuple_Writable::operator delete(void* p, SlotRoom) { VxMemoryFuncFree(p); }
 
 Ptr<CpxTuple> CpxTuple_Writable::Create(Ptr<const CpxTupleDescriptor> td, int64_t timestamp) {
-  const SlotRoom room{td->GetFieldCount()};
+  const SlotRoom room{td->GetFieldCount(), InlineRoomSize(*td)};
   return Ptr<CpxTuple>(new (room) CpxTuple_Writable(std::move(td), timestamp, room));
 }
 
@@ -114,10 +128,18 @@ unsigned char* CpxTuple::Reserve(FieldSlot& slot, uint32_t size) {
   if (slot.capacity < size + 1 || !slot.var) {
     uint32_t cap = std::max<uint32_t>(size + 1, slot.capacity * 2);
     cap = std::max<uint32_t>(cap, 16);
-    void* grown = VxMemoryFuncRealloc(slot.var, cap);
+    void* grown = nullptr;
+    if (slot.owned) {
+      grown = VxMemoryFuncRealloc(slot.var, cap);
+    } else {
+      // Leaving the room in the tuple's own allocation, with what it held.
+      grown = VxMemoryFuncMalloc(cap);
+      if (grown && slot.var) std::memcpy(grown, slot.var, slot.capacity);
+    }
     if (!grown) throw std::bad_alloc();
     slot.var = static_cast<unsigned char*>(grown);
     slot.capacity = cap;
+    slot.owned = true;
   }
   return slot.var;
 }

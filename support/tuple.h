@@ -176,8 +176,15 @@ class CpxTuple : public Message {
 
  protected:
   // `slot_room`: storage for the descriptor's field slots that comes with
-  // the object's own allocation, or nullptr to allocate them apart.
+  // the object's own allocation, followed by kInlineValueBytes for each
+  // variable-size field (see InlineRoomSize), or nullptr to allocate the
+  // slots apart.
   CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* slot_room = nullptr);
+  // The room after the slots: a short text or byte value (the usual name,
+  // code or flag) is stored there, so a row is one allocation that is read
+  // with its fields; a longer value moves to an allocation of its own.
+  static constexpr uint32_t kInlineValueBytes = 24;
+  static size_t InlineRoomSize(const CpxTupleDescriptor& td);
 
  private:
   // 24 bytes: a fixed-size value lives in the slot itself, a variable-size
@@ -192,6 +199,7 @@ class CpxTuple : public Message {
     bool present = false;
     bool variable = false;   // string, blob or xml: the value lives in `var`
     uint8_t fixed_size = 0;  // the stored size of a fixed-size kind
+    bool owned = false;      // `var` is an allocation of its own (else room in the tuple's)
   };
   static_assert(sizeof(FieldSlot) == 24);
   VX_ALWAYS_INLINE FieldSlot& Slot(unsigned p) {
@@ -221,6 +229,7 @@ class CpxTuple : public Message {
 class CpxTuple_Writable final : public CpxTuple {
   struct SlotRoom {
     unsigned fields;
+    size_t inline_bytes;
   };
 
  public:
