@@ -178,6 +178,7 @@ void CpxExpressionEvaluator_Engine::Prepare() {
   PrepareTuples(m_output, CpxTupleSetKind::Output);
   BindOwnTupleTables();
   m_states.assign(m_context->GetOperatorCount(), nullptr);
+  m_live_states.clear();
   m_dirty = false;
 }
 
@@ -187,6 +188,7 @@ CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::CreateOperator
   Ptr<CpxExpressionOperatorState_Engine>& state = m_states[position];
   if (!state) {
     state = m_context->GetOperatorByPos(position)->CreateState();
+    if (state) m_live_states.push_back(state.Get());
     if (state && m_batch) state->InitializePersistence(m_batch, m_key, position);
   }
   return state.Get();
@@ -256,10 +258,11 @@ void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
   // A group's states are separate objects, likely out of the cache when its
   // next row comes: asking for all of them now lets their loads overlap
   // instead of each operator waiting for its own in turn.
-  for (const Ptr<CpxExpressionOperatorState_Engine>& state : m_states)
-    __builtin_prefetch(state.Get());
+  for (const CpxExpressionOperatorState_Engine* state : m_live_states) __builtin_prefetch(state);
   const auto& operators = m_context->GetOperators();
   const uint32_t count = operators.GetSize();
+  const std::vector<const CpxExpressionOperator_Engine*>& array = m_context->GetOperatorArray();
+  const CpxExpressionOperator_Engine* const* flat = array.size() == count ? array.data() : nullptr;
   uint32_t p = m_next_operator;
   struct Release {
     CpxExpressionEvaluator_Engine* ev;
@@ -274,7 +277,11 @@ void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
   uint64_t steps = 0;
   uint32_t run_start = p;
   while (p < count) {
-    operators.GetObjectByPos(p)->Execute(this, p);
+    if (flat) [[likely]] {
+      flat[p]->Execute(this, p);
+    } else {
+      operators.GetObjectByPos(p)->Execute(this, p);
+    }
     if (m_next_operator == p) {
       m_next_operator = p + 1;
     } else if (m_next_operator <= p && step_limit != 0) {
@@ -556,6 +563,8 @@ void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesLi
 }
 
 void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesList>) {
+  m_operator_array.clear();
+  for (const Ptr<CpxExpressionOperator_Engine>& op : GetOperators()) m_operator_array.push_back(op.Get());
   m_batch = nullptr;
   m_cache = nullptr;
   m_manager = nullptr;

@@ -350,6 +350,7 @@ class CpxExpressionEvaluator_Engine : public CpxPersistentStorageDeferredWrite {
   Ptr<CpxTuplesList_Vector> m_temporary;
   Ptr<CpxTuplesList_Vector> m_output;
   VxMemoryVector<Ptr<CpxExpressionOperatorState_Engine>> m_states;
+  VxMemoryVector<CpxExpressionOperatorState_Engine*> m_live_states;  // the non-null m_states
   TupleTable m_tables[kTupleSetKindCount];
   VxMemoryVector<CpxTuple*> m_gathered_input;  // an input list without a tuple array
   int64_t m_now = 0;
@@ -438,6 +439,12 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
   void ShutdownEvaluators();
   // Number of live groups of a grouped context.
   unsigned GetGroupCount() const { return m_group_count; }
+  // The operators as a plain array, taken when the evaluators are
+  // initialized, for the evaluators' per-row loop (the list when operators
+  // were added since).
+  const std::vector<const CpxExpressionOperator_Engine*>& GetOperatorArray() const {
+    return m_operator_array;
+  }
 
   CpxTuplesList_Vector* GetVariableTuples() const { return m_variables.Get(); }
 
@@ -461,6 +468,7 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
   Ptr<CpxExpressionEvaluator_Engine> m_single;
   std::unique_ptr<EvaluatorMap> m_map;
   unsigned m_group_count = 0;
+  std::vector<const CpxExpressionOperator_Engine*> m_operator_array;
   bool m_initialized = false;
 };
 

@@ -308,6 +308,19 @@ struct CaseOperation {
         w ^= in_range >> 2;
         __builtin_memcpy(dst + i, &w, 8);
       }
+      // The last bytes as the last eight again, mapped from the input (the
+      // output is never the input's storage, see CpxBytesOutput).
+      if (i < s.size() && s.size() >= 8) {
+        i = s.size() - 8;
+        uint64_t w;
+        __builtin_memcpy(&w, s.data() + i, 8);
+        const uint64_t low7 = w & ~kHigh;
+        const uint64_t in_range =
+            (low7 + (0x80 - kFirst) * kOnes) & ~(low7 + (0x7f - kLast) * kOnes) & ~w & kHigh;
+        w ^= in_range >> 2;
+        __builtin_memcpy(dst + i, &w, 8);
+        i = s.size();
+      }
     }
     for (; i < s.size(); ++i) dst[i] = table[static_cast<unsigned char>(s[i])];
   }

@@ -123,9 +123,8 @@ CpxFieldKind CpxTuple::GetFieldKind(unsigned p) const {
   return m_td->GetFieldKind(p);
 }
 
-unsigned char* CpxTuple::Reserve(FieldSlot& slot, uint32_t size) {
-  // One spare byte keeps text values zero-terminated.
-  if (slot.capacity < size + 1 || !slot.var) {
+unsigned char* CpxTuple::Grow(FieldSlot& slot, uint32_t size) {
+  {
     uint32_t cap = std::max<uint32_t>(size + 1, slot.capacity * 2);
     cap = std::max<uint32_t>(cap, 16);
     void* grown = nullptr;
@@ -181,9 +180,11 @@ void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
 }
 
 void CpxTuple::RemoveAllFields() {
-  for (unsigned i = 0; i < m_count; ++i) {
-    m_slots[i].present = false;
-    m_slots[i].size = 0;
+  FieldSlot* const slots = m_slots;
+  const unsigned n = m_count;
+  for (unsigned i = 0; i < n; ++i) {
+    slots[i].present = false;
+    slots[i].size = 0;
   }
 }
 

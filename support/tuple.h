@@ -211,7 +211,13 @@ class CpxTuple : public Message {
     return m_slots[p];
   }
   [[noreturn, gnu::cold, gnu::noinline]] void RaiseFieldOutOfRange(unsigned p) const;
-  unsigned char* Reserve(FieldSlot& slot, uint32_t size);
+  // Storage for `size` bytes and the spare byte that keeps text values
+  // zero-terminated.
+  VX_ALWAYS_INLINE unsigned char* Reserve(FieldSlot& slot, uint32_t size) {
+    if (slot.capacity >= size + 1 && slot.var) [[likely]] return slot.var;
+    return Grow(slot, size);
+  }
+  unsigned char* Grow(FieldSlot& slot, uint32_t size);
 
   Ptr<const CpxTupleDescriptor> m_td;
   FieldSlot* m_slots = nullptr;
