@@ -496,6 +496,16 @@ class CpxExpressionOperator_List_Engine : public CpxExpressionOperator_Scalar_En
       }
     }
     typename R::State state{};
+    if constexpr (!R::kNullAware) {
+      // Two inputs, the usual case (x op y), without the loop.
+      if (n == 2) {
+        typename Field::ValueType x0{}, x1{};
+        if (!ReadInput<Field>(ev, 0, x0) || !ReadInput<Field>(ev, 1, x1)) return out.SetNull();
+        R::Step(state, x0, 0);
+        R::Step(state, x1, 1);
+        return out.Set<typename R::Output>(R::Finish(state, 2));
+      }
+    }
     typename Field::ValueType x{};
     for (unsigned i = 0; i < n; ++i) {
       const bool present = ReadInput<Field>(ev, i, x);
