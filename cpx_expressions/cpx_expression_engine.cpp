@@ -259,10 +259,8 @@ void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
   // next row comes: asking for all of them now lets their loads overlap
   // instead of each operator waiting for its own in turn.
   for (const CpxExpressionOperatorState_Engine* state : m_live_states) __builtin_prefetch(state);
-  const auto& operators = m_context->GetOperators();
-  const uint32_t count = operators.GetSize();
-  const std::vector<const CpxExpressionOperator_Engine*>& array = m_context->GetOperatorArray();
-  const CpxExpressionOperator_Engine* const* flat = array.size() == count ? array.data() : nullptr;
+  const uint32_t count = m_context->GetOperatorCount();
+  const CpxExpressionOperator_Engine* const* flat = m_context->GetOperatorArray().data();
   uint32_t p = m_next_operator;
   struct Release {
     CpxExpressionEvaluator_Engine* ev;
@@ -277,11 +275,7 @@ void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
   uint64_t steps = 0;
   uint32_t run_start = p;
   while (p < count) {
-    if (flat) [[likely]] {
-      flat[p]->Execute(this, p);
-    } else {
-      operators.GetObjectByPos(p)->Execute(this, p);
-    }
+    flat[p]->Execute(this, p);
     if (m_next_operator == p) {
       m_next_operator = p + 1;
     } else if (m_next_operator <= p && step_limit != 0) {
@@ -298,8 +292,9 @@ void CpxExpressionEvaluator_Engine::Execute(const int64_t& now,
 
 void CpxExpressionEvaluator_Engine::Reset() {
   if (!m_dirty) return;
-  const unsigned temporaries = m_temporary->GetSize();
-  for (unsigned i = 0; i < temporaries; ++i) m_temporary->GetObjectByPos(i)->RemoveAllFields();
+  // The temporaries' table is bound from Prepare on (Reset keeps them in place).
+  const TupleTable& temporaries = m_tables[static_cast<unsigned>(CpxTupleSetKind::Temporary)];
+  for (unsigned i = 0; i < temporaries.size; ++i) temporaries.tuples[i]->RemoveAllFields();
   const auto& descriptors = m_context->GetOutputTupleDescriptors();
   const unsigned outputs = m_output->GetSize();
   for (unsigned i = 0; i < outputs; ++i) {
@@ -562,9 +557,13 @@ void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesLi
   m_manager = manager;
 }
 
-void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesList>) {
+void CpxExpressionContext_Engine::TakeOperatorArray() const {
   m_operator_array.clear();
   for (const Ptr<CpxExpressionOperator_Engine>& op : GetOperators()) m_operator_array.push_back(op.Get());
+}
+
+void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesList>) {
+  TakeOperatorArray();
   m_batch = nullptr;
   m_cache = nullptr;
   m_manager = nullptr;

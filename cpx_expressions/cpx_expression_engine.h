@@ -439,10 +439,10 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
   void ShutdownEvaluators();
   // Number of live groups of a grouped context.
   unsigned GetGroupCount() const { return m_group_count; }
-  // The operators as a plain array, taken when the evaluators are
-  // initialized, for the evaluators' per-row loop (the list when operators
-  // were added since).
+  // The operators as a plain array, for the evaluators' per-row loop; taken
+  // again when operators were added since it was last taken.
   const std::vector<const CpxExpressionOperator_Engine*>& GetOperatorArray() const {
+    if (m_operator_array.size() != GetOperatorCount()) [[unlikely]] TakeOperatorArray();
     return m_operator_array;
   }
 
@@ -468,7 +468,8 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
   Ptr<CpxExpressionEvaluator_Engine> m_single;
   std::unique_ptr<EvaluatorMap> m_map;
   unsigned m_group_count = 0;
-  std::vector<const CpxExpressionOperator_Engine*> m_operator_array;
+  void TakeOperatorArray() const;
+  mutable std::vector<const CpxExpressionOperator_Engine*> m_operator_array;
   bool m_initialized = false;
 };
 

@@ -76,9 +76,10 @@ class CpxBytesOutput {
   void Set(std::string_view v) {
     m_pending = false;
     uint32_t size = 0;
-    const void* current = m_tuple->GetFieldValue(m_pos, size);
+    const char* current = static_cast<const char*>(m_tuple->GetFieldValue(m_pos, size));
     if (current && current == v.data() && size == v.size()) return;  // already stored
-    if (Overlaps(v)) {
+    const std::less_equal<const char*> le;
+    if (current && le(current, v.data()) && le(v.data(), current + size)) {  // see Overlaps
       g_cpx_bytes_scratch.assign(v);
       v = g_cpx_bytes_scratch;
     }

@@ -179,15 +179,6 @@ void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
   s.present = true;
 }
 
-void CpxTuple::RemoveAllFields() {
-  FieldSlot* const slots = m_slots;
-  const unsigned n = m_count;
-  for (unsigned i = 0; i < n; ++i) {
-    slots[i].present = false;
-    slots[i].size = 0;
-  }
-}
-
 void CpxTuple::WriteDefaultFields() {
   RemoveAllFields();
   for (unsigned i : m_td->m_defaulted) {

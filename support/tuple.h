@@ -137,7 +137,14 @@ class CpxTuple : public Message {
     s.present = false;
     s.size = 0;
   }
-  void RemoveAllFields();
+  VX_ALWAYS_INLINE void RemoveAllFields() {
+    FieldSlot* const slots = m_slots;
+    const unsigned n = m_count;
+    for (unsigned i = 0; i < n; ++i) {
+      slots[i].present = false;
+      slots[i].size = 0;
+    }
+  }
   // Overwrites every field with the descriptor's default (NULL where none).
   void WriteDefaultFields();
   // Reserves `size` bytes of value storage for each variable-size field.
@@ -353,12 +360,16 @@ struct CpxTupleField_String : CpxTupleField_Bytes<CpxFieldKind::String> {
     const auto* b = reinterpret_cast<const unsigned char*>(text.data());
     const size_t n = text.size();
     size_t i = 0;
-    for (; i + 8 <= n; i += 8) {
+    constexpr uint64_t kHigh = 0x8080808080808080u, kOnes = 0x0101010101010101u;
+    auto plain = [&](size_t at) {
       uint64_t w;
-      __builtin_memcpy(&w, b + i, 8);
-      constexpr uint64_t kHigh = 0x8080808080808080u, kOnes = 0x0101010101010101u;
-      if ((w & kHigh) | ((w - kOnes) & ~w & kHigh)) return false;  // a high bit or a zero byte
-    }
+      __builtin_memcpy(&w, b + at, 8);
+      return ((w & kHigh) | ((w - kOnes) & ~w & kHigh)) == 0;  // no high bit, no zero byte
+    };
+    for (; i + 8 <= n; i += 8)
+      if (!plain(i)) return false;
+    // The last bytes as the last eight again.
+    if (i < n && n >= 8) return plain(n - 8);
     for (; i < n; ++i)
       if (static_cast<unsigned>(b[i]) - 1u >= 127u) return false;
     return true;
