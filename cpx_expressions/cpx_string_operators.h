@@ -83,7 +83,7 @@ class CpxBytesOutput {
       g_cpx_bytes_scratch.assign(v);
       v = g_cpx_bytes_scratch;
     }
-    m_tuple->SetFieldValue(m_pos, CpxSizeCast<uint32_t>(v.size()), v.data());
+    m_tuple->SetBytesFieldValue(m_pos, v.data(), CpxSizeCast<uint32_t>(v.size()));
   }
   // Characters [first, end) of the zero-terminated UTF-8 `text`; NULL when
   // the substring writer refuses them.

@@ -179,8 +179,7 @@ void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
   s.present = true;
 }
 
-void CpxTuple::WriteDefaultFields() {
-  RemoveAllFields();
+void CpxTuple::WriteDefaults() {
   for (unsigned i : m_td->m_defaulted) {
     const std::optional<std::string>& d = m_td->GetTupleFieldObject(i)->GetDefaultBytes();
     SetFieldValue(i, static_cast<uint32_t>(d->size()), d->data());

@@ -115,6 +115,21 @@ class CpxTuple : public Message {
   // Copies `size` bytes as the value (4 for integer; 8 for long, time,
   // interval and float; 1 for boolean; the byte length for the others).
   void SetFieldValue(unsigned p, uint32_t size, const void* bytes);
+  // The same for a text or byte field, inline for a short value that fits
+  // the field's storage (the usual case of a per-row result).
+  VX_ALWAYS_INLINE void SetBytesFieldValue(unsigned p, const char* bytes, uint32_t size) {
+    FieldSlot& s = Slot(p);
+    const auto* from = reinterpret_cast<const unsigned char*>(bytes);
+    if (s.variable && size <= 32 && size < s.capacity && size <= GetVxLimits().max_value_bytes &&
+        (from + size <= s.var || from >= s.var + s.capacity)) [[likely]] {
+      CopyShort(s.var, from, size);
+      s.var[size] = 0;
+      s.size = size;
+      s.present = true;
+      return;
+    }
+    SetFieldValue(p, size, bytes);
+  }
   // Stores a fixed-size value of the field's own size (what the typed field
   // classes write); any other case goes through SetFieldValue.
   template <class T>
@@ -146,7 +161,7 @@ class CpxTuple : public Message {
     }
   }
   // Overwrites every field with the descriptor's default (NULL where none).
-  void WriteDefaultFields();
+  inline void WriteDefaultFields();
   // Reserves `size` bytes of value storage for each variable-size field.
   void AllocateBuffer(uint32_t size);
 
@@ -218,6 +233,25 @@ class CpxTuple : public Message {
     return m_slots[p];
   }
   [[noreturn, gnu::cold, gnu::noinline]] void RaiseFieldOutOfRange(unsigned p) const;
+  void WriteDefaults();
+  // Copies n <= 32 bytes between places that do not overlap, as two
+  // overlapping moves of a power of two.
+  VX_ALWAYS_INLINE static void CopyShort(unsigned char* to, const unsigned char* from, uint32_t n) {
+    if (n >= 16) {
+      __builtin_memcpy(to, from, 16);
+      __builtin_memcpy(to + n - 16, from + n - 16, 16);
+    } else if (n >= 8) {
+      __builtin_memcpy(to, from, 8);
+      __builtin_memcpy(to + n - 8, from + n - 8, 8);
+    } else if (n >= 4) {
+      __builtin_memcpy(to, from, 4);
+      __builtin_memcpy(to + n - 4, from + n - 4, 4);
+    } else if (n > 0) {
+      to[0] = from[0];
+      to[n / 2] = from[n / 2];
+      to[n - 1] = from[n - 1];
+    }
+  }
   // Storage for `size` bytes and the spare byte that keeps text values
   // zero-terminated.
   VX_ALWAYS_INLINE unsigned char* Reserve(FieldSlot& slot, uint32_t size) {
@@ -493,6 +527,11 @@ class CpxTupleDescriptor : public XmlNamedObject {
   std::vector<CpxFieldKind> m_kinds;
   std::vector<unsigned> m_defaulted;  // positions of the fields that have a default
 };
+
+inline void CpxTuple::WriteDefaultFields() {
+  RemoveAllFields();
+  if (!m_td->m_defaulted.empty()) WriteDefaults();
+}
 
 // ---- tuple lists ----
 
