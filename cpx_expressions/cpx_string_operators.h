@@ -35,9 +35,13 @@ namespace vx {
 // ---- checked narrowing ----
 
 // A byte count or offset narrowed to `To`; a value out of range raises.
+template <class From>
+[[noreturn, gnu::cold, gnu::noinline]] void CpxRaiseSizeCast(From v) {
+  VX_RAISE_TEXT("size_type_cast conversion failed", "", {"value", v});
+}
 template <class To, class From>
-To CpxSizeCast(From v) {
-  if (!std::in_range<To>(v)) VX_RAISE_TEXT("size_type_cast conversion failed", "", {"value", v});
+VX_ALWAYS_INLINE To CpxSizeCast(From v) {
+  if (!std::in_range<To>(v)) [[unlikely]] CpxRaiseSizeCast(v);
   return static_cast<To>(v);
 }
 

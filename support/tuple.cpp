@@ -143,17 +143,6 @@ unsigned char* CpxTuple::Grow(FieldSlot& slot, uint32_t size) {
   return slot.var;
 }
 
-void* CpxTuple::AllocateFieldValue(unsigned p, uint32_t size) {
-  FieldSlot& s = Slot(p);
-  s.present = true;
-  s.size = size;
-  if (!s.variable) return s.fixed;
-  if (size > GetVxLimits().max_value_bytes) RaiseValueTooLarge(size);
-  unsigned char* buf = Reserve(s, size);
-  buf[size] = 0;
-  return buf;
-}
-
 void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
   FieldSlot& s = Slot(p);
   if (!s.variable) {

@@ -146,7 +146,16 @@ class CpxTuple : public Message {
   }
   // Writable storage of `size` bytes for a value built in place; the field
   // becomes non-NULL.
-  void* AllocateFieldValue(unsigned p, uint32_t size);
+  VX_ALWAYS_INLINE void* AllocateFieldValue(unsigned p, uint32_t size) {
+    FieldSlot& s = Slot(p);
+    s.present = true;
+    s.size = size;
+    if (!s.variable) return s.fixed;
+    if (size > GetVxLimits().max_value_bytes) [[unlikely]] RaiseValueTooLarge(size);
+    unsigned char* buf = Reserve(s, size);
+    buf[size] = 0;
+    return buf;
+  }
   VX_ALWAYS_INLINE void ClearFieldValue(unsigned p) {
     FieldSlot& s = Slot(p);
     s.present = false;
