@@ -660,12 +660,12 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
         if (counts.m_entries) return;
         if (counts.Container::Empty()) return state.EraseRawBuffer(&batch, kItem);
         std::string& bytes = WholeBuffer();
-        bytes.clear();
+        bytes.assign(size_t{counts.Container::Size()} * kPairBytes, '\0');
+        char* at = bytes.data();
         counts.ForEachEntry([&](Value held, uint32_t n) {
-          char pair[kPairBytes] = {};
-          std::memcpy(pair, &held, sizeof held);  // little-endian: the low bytes of the bits
-          std::memcpy(pair + 8, &n, 4);
-          bytes.append(pair, kPairBytes);
+          std::memcpy(at, &held, sizeof held);  // little-endian: the low bytes of the bits
+          std::memcpy(at + 8, &n, 4);
+          at += kPairBytes;
         });
         state.SaveRawBuffer(&batch, kItem, bytes);
       }
