@@ -421,7 +421,8 @@ class CpxHashedMultiplicityMap {
 // besides the push.
 //
 // Until the first removal, a value whose count nobody reads (AddUncounted:
-// no store to save its entry to) is not entered at once: it is appended to
+// no store, or a store that takes the table whole at commit) is not entered
+// at once: it is appended to
 // a list of pending values and the first value is updated from it. A group
 // that only grows then costs an append a row instead of a probe of a table
 // that outgrows the caches. The pending values enter the table, in arrival
@@ -731,17 +732,18 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
     const std::ptrdiff_t offset =
         reinterpret_cast<const char*>(&member) - reinterpret_cast<const char*>(this);
     static_assert(sizeof(M) <= UINT8_MAX);
-    if (item > UINT8_MAX || offset < 0 || offset > UINT16_MAX) [[unlikely]]
-      return SaveRawBuffer(batch, item,
-                           std::string_view(reinterpret_cast<const char*>(&member), sizeof member));
-    EnsureDeferred(*batch);
-    for (unsigned i = 0; i < m_dirty_count; ++i)
-      if (m_dirty[i].item == item) return;
-    if (m_dirty_count == kDirtyMax) [[unlikely]]
-      return SaveRawBuffer(batch, item,
-                           std::string_view(reinterpret_cast<const char*>(&member), sizeof member));
-    m_dirty[m_dirty_count++] = {static_cast<uint8_t>(item), static_cast<uint8_t>(sizeof(M)),
-                                static_cast<uint16_t>(offset)};
+    if (item <= UINT8_MAX && offset >= 0 && offset <= UINT16_MAX) [[likely]] {
+      EnsureDeferred(*batch);
+      for (unsigned i = 0; i < m_dirty_count; ++i)
+        if (m_dirty[i].item == item) return;
+      if (m_dirty_count < kDirtyMax) [[likely]] {
+        m_dirty[m_dirty_count++] = {static_cast<uint8_t>(item), static_cast<uint8_t>(sizeof(M)),
+                                    static_cast<uint16_t>(offset)};
+        return;
+      }
+    }
+    // No room to note it: written now.
+    SaveRawBuffer(batch, item, std::string_view(reinterpret_cast<const char*>(&member), sizeof member));
   }
 
   // Assigns the one item of `message` that matches one of `items` (scalar

@@ -82,12 +82,11 @@ class CpxBytesOutput {
     uint32_t size = 0;
     const char* current = static_cast<const char*>(m_tuple->GetFieldValue(m_pos, size));
     if (current && current == v.data() && size == v.size()) return;  // already stored
-    const std::less_equal<const char*> le;
-    if (current && le(current, v.data()) && le(v.data(), current + size)) {  // see Overlaps
+    if (Overlaps(v, current, size)) {
       g_cpx_bytes_scratch.assign(v);
       v = g_cpx_bytes_scratch;
     }
-    m_tuple->SetBytesFieldValue(m_pos, v.data(), CpxSizeCast<uint32_t>(v.size()));
+    m_tuple->SetFieldValue(m_pos, CpxSizeCast<uint32_t>(v.size()), v.data());
   }
   // Characters [first, end) of the zero-terminated UTF-8 `text`; NULL when
   // the substring writer refuses them.
@@ -113,7 +112,10 @@ class CpxBytesOutput {
  private:
   bool Overlaps(std::string_view v) const {
     uint32_t size = 0;
-    const char* value = static_cast<const char*>(m_tuple->GetFieldValue(m_pos, size));
+    return Overlaps(v, static_cast<const char*>(m_tuple->GetFieldValue(m_pos, size)), size);
+  }
+  // Whether `v` starts inside the output's current value [value, value + size].
+  static bool Overlaps(std::string_view v, const char* value, uint32_t size) {
     const std::less_equal<const char*> le;
     return value && le(value, v.data()) && le(v.data(), value + size);
   }

@@ -78,10 +78,7 @@ CpxTuple::CpxTuple(Ptr<const CpxTupleDescriptor> td, int64_t timestamp, void* sl
 }
 
 size_t CpxTuple::InlineRoomSize(const CpxTupleDescriptor& td) {
-  size_t bytes = 0;
-  for (unsigned i = 0; i < td.GetFieldCount(); ++i)
-    if (IsVariableSizeKind(td.GetFieldKind(i))) bytes += kInlineValueBytes;
-  return bytes;
+  return size_t{td.m_variable_fields} * kInlineValueBytes;
 }
 
 CpxTuple::~CpxTuple() {
@@ -124,27 +121,23 @@ CpxFieldKind CpxTuple::GetFieldKind(unsigned p) const {
 }
 
 unsigned char* CpxTuple::Grow(FieldSlot& slot, uint32_t size) {
-  {
-    uint32_t cap = std::max<uint32_t>(size + 1, slot.capacity * 2);
-    cap = std::max<uint32_t>(cap, 16);
-    void* grown = nullptr;
-    if (slot.owned) {
-      grown = VxMemoryFuncRealloc(slot.var, cap);
-    } else {
-      // Leaving the room in the tuple's own allocation, with what it held.
-      grown = VxMemoryFuncMalloc(cap);
-      if (grown && slot.var) std::memcpy(grown, slot.var, slot.capacity);
-    }
-    if (!grown) throw std::bad_alloc();
-    slot.var = static_cast<unsigned char*>(grown);
-    slot.capacity = cap;
-    slot.owned = true;
+  const uint32_t cap = std::max<uint32_t>({size + 1, slot.capacity * 2, 16});
+  void* grown = nullptr;
+  if (slot.owned) {
+    grown = VxMemoryFuncRealloc(slot.var, cap);
+  } else {
+    // Leaving the room in the tuple's own allocation, with what it held.
+    grown = VxMemoryFuncMalloc(cap);
+    if (grown && slot.var) std::memcpy(grown, slot.var, slot.capacity);
   }
+  if (!grown) throw std::bad_alloc();
+  slot.var = static_cast<unsigned char*>(grown);
+  slot.capacity = cap;
+  slot.owned = true;
   return slot.var;
 }
 
-void CpxTuple::SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
-  FieldSlot& s = Slot(p);
+void CpxTuple::SetFieldValueSlow(FieldSlot& s, uint32_t size, const void* bytes) {
   if (!s.variable) {
     const uint32_t fixed = s.fixed_size;
     if (size > fixed) size = fixed;

@@ -114,12 +114,11 @@ class CpxTuple : public Message {
 
   // Copies `size` bytes as the value (4 for integer; 8 for long, time,
   // interval and float; 1 for boolean; the byte length for the others).
-  void SetFieldValue(unsigned p, uint32_t size, const void* bytes);
-  // The same for a text or byte field, inline for a short value that fits
-  // the field's storage (the usual case of a per-row result).
-  VX_ALWAYS_INLINE void SetBytesFieldValue(unsigned p, const char* bytes, uint32_t size) {
+  // A short text or byte value that fits the field's storage (the usual
+  // per-row result) is copied inline; anything else goes the general way.
+  VX_ALWAYS_INLINE void SetFieldValue(unsigned p, uint32_t size, const void* bytes) {
     FieldSlot& s = Slot(p);
-    const auto* from = reinterpret_cast<const unsigned char*>(bytes);
+    const auto* from = static_cast<const unsigned char*>(bytes);
     if (s.variable && size <= 32 && size < s.capacity && size <= GetVxLimits().max_value_bytes &&
         (from + size <= s.var || from >= s.var + s.capacity)) [[likely]] {
       CopyShort(s.var, from, size);
@@ -128,7 +127,7 @@ class CpxTuple : public Message {
       s.present = true;
       return;
     }
-    SetFieldValue(p, size, bytes);
+    SetFieldValueSlow(s, size, bytes);
   }
   // Stores a fixed-size value of the field's own size (what the typed field
   // classes write); any other case goes through SetFieldValue.
@@ -243,6 +242,7 @@ class CpxTuple : public Message {
   }
   [[noreturn, gnu::cold, gnu::noinline]] void RaiseFieldOutOfRange(unsigned p) const;
   void WriteDefaults();
+  void SetFieldValueSlow(FieldSlot& s, uint32_t size, const void* bytes);
   // Copies n <= 32 bytes between places that do not overlap, as two
   // overlapping moves of a power of two.
   VX_ALWAYS_INLINE static void CopyShort(unsigned char* to, const unsigned char* from, uint32_t n) {
@@ -513,6 +513,7 @@ class CpxTupleDescriptor : public XmlNamedObject {
     m_fields.Add(std::move(field));
     if (has_default) m_defaulted.push_back(static_cast<unsigned>(m_kinds.size()));
     m_kinds.push_back(kind);
+    if (IsVariableSizeKind(kind)) ++m_variable_fields;
   }
   const XmlNamedObjectList<CpxTupleField>& GetConstFields() const { return m_fields; }
   unsigned GetFieldCount() const { return m_fields.GetSize(); }
@@ -534,6 +535,7 @@ class CpxTupleDescriptor : public XmlNamedObject {
   friend class CpxTuple;
   XmlNamedObjectList<CpxTupleField> m_fields;
   std::vector<CpxFieldKind> m_kinds;
+  unsigned m_variable_fields = 0;  // text, blob and xml fields
   std::vector<unsigned> m_defaulted;  // positions of the fields that have a default
 };
 
