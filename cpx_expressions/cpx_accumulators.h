@@ -572,10 +572,13 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
   // A multiplicity container whose changes are saved as item kItem.
   //
   // A container of fixed-size values with up to kWholeMax entries is one
-  // record, written when the batch is written: the entries as (value bits,
-  // 8 bytes; count, 4 bytes) pairs. A sliding window changes such a table on
-  // every row, and one record per commit costs the store far less than a
-  // put and a delete per row. A larger container (and any of texts or
+  // record, written when the batch is written: the number of values held
+  // once (4 bytes), those values, then each value held more than once with
+  // its count (4 bytes); a value is its own bytes, as wide as its type
+  // (little-endian, as every number here). A sliding window changes such a
+  // table on every row, and one record per commit costs the store far less
+  // than a put and a delete per row; most values of a window are held once,
+  // so most entries cost their value's bytes only. A larger container (and any of texts or
   // bytes) has one record per entry, saved at each change under the value as
   // held, so that equivalent values (NaNs, zeros of either sign) share one
   // record; a count of 0 deletes it. The form changes when the size crosses
@@ -627,7 +630,8 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
     static constexpr uint32_t kNumber = kItem;
 
    private:
-    static constexpr size_t kPairBytes = 12;
+    static constexpr size_t kWidth = sizeof(typename Access::Key);
+    static constexpr size_t kPairBytes = kWidth + 4;
 
     void Changed(CpxAccumulatorState& state, Batch* batch, Value v, uint32_t count) {
       if (!batch) return;
@@ -661,32 +665,58 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
         if (counts.m_entries) return;
         if (counts.Container::Empty()) return state.EraseRawBuffer(&batch, kItem);
         std::string& bytes = WholeBuffer();
-        bytes.assign(size_t{counts.Container::Size()} * kPairBytes, '\0');
-        char* at = bytes.data();
+        std::string& pairs = PairBuffer();
+        bytes.resize(4 + size_t{counts.Container::Size()} * kWidth);
+        pairs.clear();
+        char* at = bytes.data() + 4;
+        uint32_t singles = 0;
         counts.ForEachEntry([&](Value held, uint32_t n) {
-          std::memcpy(at, &held, sizeof held);  // little-endian: the low bytes of the bits
-          std::memcpy(at + 8, &n, 4);
-          at += kPairBytes;
+          if (n == 1) {
+            std::memcpy(at, &held, kWidth);
+            at += kWidth;
+            ++singles;
+          } else {
+            char pair[kPairBytes];
+            std::memcpy(pair, &held, kWidth);
+            std::memcpy(pair + kWidth, &n, 4);
+            pairs.append(pair, kPairBytes);
+          }
         });
+        std::memcpy(bytes.data(), &singles, 4);
+        bytes.resize(4 + size_t{singles} * kWidth);
+        bytes += pairs;
         state.SaveRawBuffer(&batch, kItem, bytes);
       }
     }
     bool LoadWhole(const PutMessage& message) {
       const std::string_view bytes = message.GetKey().GetRawValue();
-      if (bytes.size() % kPairBytes != 0) return false;
-      for (size_t at = 0; at < bytes.size(); at += kPairBytes) {
-        typename Access::Key key{};
+      uint32_t singles = 0;
+      if (bytes.size() < 4) return false;
+      std::memcpy(&singles, bytes.data(), 4);
+      const size_t pairs_at = 4 + size_t{singles} * kWidth;
+      if (pairs_at > bytes.size() || (bytes.size() - pairs_at) % kPairBytes != 0) return false;
+      typename Access::Key key{};
+      for (size_t at = 4; at < pairs_at; at += kWidth) {
+        std::memcpy(&key, bytes.data() + at, kWidth);
+        Container::Add(Access::View(key), 1);
+      }
+      for (size_t at = pairs_at; at < bytes.size(); at += kPairBytes) {
         uint32_t n = 0;
-        std::memcpy(&key, bytes.data() + at, sizeof key);
-        std::memcpy(&n, bytes.data() + at + 8, 4);
-        if (n == 0) return false;
+        std::memcpy(&key, bytes.data() + at, kWidth);
+        std::memcpy(&n, bytes.data() + at + kWidth, 4);
+        if (n < 2) return false;
         Container::Add(Access::View(key), n);
       }
       m_entries = false;
       return true;
     }
-    // The record being built, reused from commit to commit.
+    // The record being built and its values held more than once, reused
+    // from commit to commit.
     static std::string& WholeBuffer() {
+      thread_local std::string buffer;
+      return buffer;
+    }
+    static std::string& PairBuffer() {
       thread_local std::string buffer;
       return buffer;
     }

@@ -504,12 +504,21 @@ TEST_F(AccumulatorStore, SumSavesSumZeroCountAndFlag) {
 TEST_F(AccumulatorStore, DistinctEntriesAreSavedAndDeleted) {
   {
     Acc sum("AccumulatorSumDistinctInteger", "integer", "integer", m_store.get());
-    sum.AddAll({"5", "5", "7"});
+    sum.AddAll({"5", "5", "7", "9"});
     sum.Remove("7");
-    // The small table is one record, item 0: 5's bits and its count 2; 7's
-    // pair is gone.
-    EXPECT_EQ(Records(), (std::vector<std::string>{"0:050000000000000002000000", "1:05000000",
-                                                   "2:00000000", "3:01"}));
+    // The small table is one record, item 0: one value held once (9), then
+    // 5 with its count 2; 7 is gone.
+    EXPECT_EQ(Records(), (std::vector<std::string>{"0:01000000090000000500000002000000",
+                                                   "1:0E000000", "2:00000000", "3:01"}));
+  }
+  {
+    // Read back, the table holds 5 twice and 9 once, as before the restart.
+    Acc sum("AccumulatorSumDistinctInteger", "integer", "integer", m_store.get());
+    sum.Restore();
+    EXPECT_EQ(sum.Remove("5"), "14");
+    EXPECT_EQ(sum.Remove("9"), "5");
+    EXPECT_EQ(sum.Remove("5"), "0");
+    EXPECT_ANY_THROW(sum.Remove("5"));
   }
   Fresh();
   Acc text("AccumulatorCountDistinctString", "string", "integer", m_store.get());
