@@ -578,12 +578,12 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
   // (little-endian, as every number here). A sliding window changes such a
   // table on every row, and one record per commit costs the store far less
   // than a put and a delete per row; most values of a window are held once,
-  // so most entries cost their value's bytes only. A larger container (and any of texts or
-  // bytes) has one record per entry, saved at each change under the value as
-  // held, so that equivalent values (NaNs, zeros of either sign) share one
-  // record; a count of 0 deletes it. The form changes when the size crosses
-  // kWholeMax (up) or half of it (down), in the batch of that change: the
-  // records of the old form are deleted there.
+  // so most entries cost their value's bytes only. A larger container (and
+  // any of texts or bytes) has one record per entry, saved at each change
+  // under the value as held, so that equivalent values (NaNs, zeros of
+  // either sign) share one record; a count of 0 deletes it. The form
+  // changes when the size crosses kWholeMax (up) or half of it (down), in
+  // the batch of that change: the records of the old form are deleted there.
   template <class Field, class Container, uint32_t kItem>
   class Counts : public Container {
     using Access = CpxAccumulatorValue<Field>;
