@@ -422,17 +422,17 @@ class CpxHashedMultiplicityMap {
 //
 // Until the first removal, a value whose count nobody reads (AddUncounted:
 // no store, or a store that takes the table whole at commit) is not entered
-// at once: it is appended to
-// a list of pending values and the first value is updated from it. A group
-// that only grows then costs an append a row instead of a probe of a table
-// that outgrows the caches. The pending values enter the table, in arrival
-// order (so an entry holds the first of its equivalents, as always), when a
-// removal or a counted add needs the counts, or when the list is full and
-// holds kPendingMax values or as many as the table (at least 16): a stream
-// that repeats few values keeps a small list, and a list that has reached
-// its size is not grown again. Entering many values at once fetches their
-// slots ahead, and the table they go to is in the caches while they do. After the first
-// removal every value is entered at once.
+// at once: it is appended to a list of pending values and the first value
+// is updated from it. A group that only grows then costs an append a row
+// instead of a probe of a table that outgrows the caches. The pending values
+// enter the table, in arrival order (so an entry holds the first of its
+// equivalents, as always), when a removal or a counted add needs the
+// counts, or when the list is full and holds kPendingMax values or as many
+// as the table (at least 16): a stream that repeats few values keeps a
+// small list, and a list that has reached its size is not grown again.
+// Entering many values at once fetches their slots ahead, and the table
+// they go to is in the caches while they do. After the first removal every
+// value is entered at once.
 template <class Field, class Order>
 class CpxExtremeMultiplicityMap {
   static_assert(!CpxAccumulatorValue<Field>::kBytes);
