@@ -386,6 +386,12 @@ class CpxHashedMultiplicityMap {
   // Announces a lookup of `v` (fixed-size values only), for a caller that
   // adds many values at once.
   void Prefetch(Value v) const requires(!kBytes) { m_map.Prefetch(v); }
+  // Calls fn(value, count) for every slot of the table, empty ones (count
+  // 0) included (fixed-size values only).
+  template <class Fn>
+  void ForEachSlot(Fn&& fn) const requires(!kBytes) {
+    m_map.ForEachSlot(fn);
+  }
   // Calls fn(value, count) for every entry, in no particular order.
   template <class Fn>
   void ForEachUnordered(Fn&& fn) const {
@@ -480,6 +486,13 @@ class CpxExtremeMultiplicityMap {
   void ForEachUnordered(Fn&& fn) {
     if (!m_pending.empty()) EnterPending();
     m_counts.ForEachUnordered(fn);
+  }
+  // Calls fn(value, count) for every slot of the table, empty ones (count
+  // 0) included.
+  template <class Fn>
+  void ForEachSlot(Fn&& fn) {
+    if (!m_pending.empty()) EnterPending();
+    m_counts.ForEachSlot(fn);
   }
   // The first value in `Order`; the map is not empty.
   Value First() const { return m_first; }
@@ -666,22 +679,29 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
         if (counts.Container::Empty()) return state.EraseRawBuffer(&batch, kItem);
         std::string& bytes = WholeBuffer();
         std::string& pairs = PairBuffer();
-        bytes.resize(4 + size_t{counts.Container::Size()} * kWidth);
         pairs.clear();
-        char* at = bytes.data() + 4;
-        uint32_t singles = 0;
-        counts.ForEachEntry([&](Value held, uint32_t n) {
-          if (n == 1) {
-            std::memcpy(at, &held, kWidth);
-            at += kWidth;
-            ++singles;
-          } else {
+        char* at = nullptr;  // where the next value held once goes
+        auto take = [&](Value held, uint32_t n) {
+          if (n > 1) [[unlikely]] {
             char pair[kPairBytes];
             std::memcpy(pair, &held, kWidth);
             std::memcpy(pair + kWidth, &n, 4);
             pairs.append(pair, kPairBytes);
           }
-        });
+          // Every value is copied and kept only when held once, so that the
+          // loop has no branch for the common case (one value of room
+          // beyond the last takes the copy after it).
+          std::memcpy(at, &held, kWidth);
+          at += n == 1 ? kWidth : 0;
+        };
+        bytes.resize(4 + (size_t{counts.Container::Size()} + 1) * kWidth);
+        at = bytes.data() + 4;
+        if constexpr (requires { counts.ForEachSlot(take); }) {
+          counts.ForEachSlot(take);
+        } else {
+          counts.ForEachEntry(take);
+        }
+        const uint32_t singles = static_cast<uint32_t>((at - (bytes.data() + 4)) / kWidth);
         std::memcpy(bytes.data(), &singles, 4);
         bytes.resize(4 + size_t{singles} * kWidth);
         bytes += pairs;
@@ -725,14 +745,24 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
   };
 
   // Writes the scalar items changed since the last write and the container
-  // registered by DeferCounts, when the batch is written.
+  // registered by DeferCounts, when the batch is written. An item whose
+  // bytes are those it last wrote is not written again: the store holds
+  // them already (a full window's count, back at its size after each row's
+  // leave and arrival, costs nothing at commit).
   void WriteDeferred(Batch& batch) override {
-    for (unsigned i = 0; i < m_dirty_count; ++i) {
-      const DirtyItem& d = m_dirty[i];
-      SaveRawBuffer(&batch, d.item,
-                    std::string_view(reinterpret_cast<const char*>(this) + d.offset, d.size));
+    for (unsigned i = 0; i < m_item_count; ++i) {
+      if (!(m_changed & (1u << i))) continue;
+      const NotedItem& d = m_items[i];
+      const char* bytes = reinterpret_cast<const char*>(this) + d.offset;
+      const uint8_t bit = static_cast<uint8_t>(1u << i);
+      if ((m_stored & bit) && std::memcmp(&m_stored_bytes[i], bytes, d.size) == 0) continue;
+      SaveRawBuffer(&batch, d.item, std::string_view(bytes, d.size));
+      if (d.size <= sizeof(uint64_t)) {
+        std::memcpy(&m_stored_bytes[i], bytes, d.size);
+        m_stored |= bit;
+      }
     }
-    m_dirty_count = 0;
+    m_changed = 0;
     if (m_counts_writer) {
       const CountsWriter writer = std::exchange(m_counts_writer, nullptr);
       writer(*this, reinterpret_cast<char*>(this) + m_counts_offset, batch);
@@ -764,11 +794,13 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
     static_assert(sizeof(M) <= UINT8_MAX);
     if (item <= UINT8_MAX && offset >= 0 && offset <= UINT16_MAX) [[likely]] {
       EnsureDeferred(*batch);
-      for (unsigned i = 0; i < m_dirty_count; ++i)
-        if (m_dirty[i].item == item) return;
-      if (m_dirty_count < kDirtyMax) [[likely]] {
-        m_dirty[m_dirty_count++] = {static_cast<uint8_t>(item), static_cast<uint8_t>(sizeof(M)),
-                                    static_cast<uint16_t>(offset)};
+      unsigned i = 0;
+      while (i < m_item_count && m_items[i].item != item) ++i;
+      if (i == m_item_count && m_item_count < kItemsMax) [[unlikely]]
+        m_items[m_item_count++] = {static_cast<uint8_t>(item), static_cast<uint8_t>(sizeof(M)),
+                                   static_cast<uint16_t>(offset)};
+      if (i < m_item_count) [[likely]] {
+        m_changed |= static_cast<uint8_t>(1u << i);
         return;
       }
     }
@@ -787,20 +819,21 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
   }
 
  private:
-  // A scalar item to write: its number, size and place in the state.
-  struct DirtyItem {
+  // A scalar item the state has saved: its number, size and place in the
+  // state. Noted once, at its first save, and kept.
+  struct NotedItem {
     uint8_t item;
     uint8_t size;
     uint16_t offset;
   };
-  static constexpr unsigned kDirtyMax = 6;
+  static constexpr unsigned kItemsMax = 6;
   using CountsWriter = void (*)(CpxAccumulatorState& state, void* counts, Batch& batch);
 
   // Waits in `batch` from now on; what was noted for an earlier batch that
   // was dropped without being written goes.
   void EnsureDeferred(Batch& batch) {
     if (IsDeferredIn(batch)) return;
-    m_dirty_count = 0;
+    m_changed = 0;
     m_counts_writer = nullptr;
     Defer(batch);
   }
@@ -822,8 +855,11 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
 
   CountsWriter m_counts_writer = nullptr;
   uint32_t m_counts_offset = 0;
-  uint8_t m_dirty_count = 0;
-  DirtyItem m_dirty[kDirtyMax] = {};
+  uint8_t m_item_count = 0;
+  uint8_t m_changed = 0;  // bit i: m_items[i] changed since it was last written
+  uint8_t m_stored = 0;   // bit i: m_stored_bytes[i] holds what the store has of m_items[i]
+  NotedItem m_items[kItemsMax] = {};
+  uint64_t m_stored_bytes[kItemsMax] = {};
 };
 
 template <class Field>

@@ -86,6 +86,13 @@ class CpxCountTable {
     for (const Slot& s : m_slots)
       if (s.count) fn(s.value, s.count);
   }
+  // Calls fn(value, count) for every slot, empty ones included (count 0,
+  // value unspecified): a caller that copies values out can do it without
+  // a branch on each slot.
+  template <class Fn>
+  void ForEachSlot(Fn&& fn) const {
+    for (const Slot& s : m_slots) fn(s.value, s.count);
+  }
   // Announces a lookup of `v`, so that its line is on its way while other
   // work goes on.
   void Prefetch(const T& v) const {

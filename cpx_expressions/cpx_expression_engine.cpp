@@ -323,9 +323,15 @@ uint32_t CpxExpressionEvaluator_Engine::ChangeTuplesCount(const CpxTuple& tuple)
   return m_tuples_count;
 }
 
-// The group record: the live-row count, then the group's key values.
+// The group record: the live-row count, then the group's key values. The
+// key values never change, so a count that is back at the value last
+// written (a full sliding window, after a row left and one arrived) leaves
+// the record as the store holds it.
 void CpxExpressionEvaluator_Engine::WriteDeferred(CpxPersistentStorageBatch& batch) {
   if (!m_group_tuple) return;
+  if (m_count_stored && m_stored_count == m_tuples_count) return;
+  m_stored_count = m_tuples_count;
+  m_count_stored = true;
   m_record.resize(4 + m_group_tuple->GetRequiredBufferSize());
   std::memcpy(m_record.data(), &m_tuples_count, 4);
   m_group_tuple->SerializeBody(reinterpret_cast<unsigned char*>(m_record.data()) + 4,

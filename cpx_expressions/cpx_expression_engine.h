@@ -358,6 +358,8 @@ class CpxExpressionEvaluator_Engine : public CpxPersistentStorageDeferredWrite {
   bool m_dirty = false;
   bool m_cleanup_on_exit = false;
   uint32_t m_tuples_count = 0;
+  uint32_t m_stored_count = 0;  // the count of the group record last written
+  bool m_count_stored = false;  // ... once one has been
   std::vector<void*> m_operator_context;
   const CpxXmlShredderContext* m_shredder = nullptr;
 };

@@ -315,6 +315,10 @@ size_t CpxPersistentStorageManager::EndBatch() {
   rocksdb::WriteOptions options;
   options.sync = m_sync;
   rocksdb::WriteBatch& batch = m_batch.GetWriteBatch();
+  if (batch.Count() == 0) {  // every writer found the store up to date
+    m_batch.Clear();
+    return 0;
+  }
   const size_t size = batch.GetDataSize();
   Check(m_db->Write(options, &batch), m_folder, "write");
   m_batch.Clear();

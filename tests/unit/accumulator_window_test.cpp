@@ -552,8 +552,10 @@ class AccumulatorStream : public ::testing::Test {
   void TearDown() override { fs::remove_all(m_dir); }
 
   // Runs `rows` through a fresh context; with `restarts`, through the
-  // persistent store with a restart before every marked row. Returns every
-  // row's outputs.
+  // persistent store with a restart before every marked row, committing
+  // after every third row and before each restart (so that a commit often
+  // holds a row that leaves and one that arrives). Returns every row's
+  // outputs.
   template <class C>
   std::vector<std::vector<Val>> Run(const std::vector<Row<typename C::T>>& rows, bool grouped,
                                     const std::vector<bool>* restarts) {
@@ -568,6 +570,7 @@ class AccumulatorStream : public ::testing::Test {
     Ptr<CpxExpressionContext_Engine> ctx;
     if (restarts) CpxPersistentStorageManager::Destroy(m_dir.string());
     std::vector<std::vector<Val>> outputs;
+    bool batch_open = false;
     for (size_t i = 0; i < rows.size(); ++i) {
       if (!ctx || (restarts && (*restarts)[i])) {
         ctx = nullptr;
@@ -591,11 +594,17 @@ class AccumulatorStream : public ::testing::Test {
       in->SetTupleType(r.negative ? Message::kNegative : Message::kPositive);
       CpxTuplesList_Vector inputs;
       inputs.Add(in);
-      if (store) store->StartBatch();
+      if (store && !batch_open) {
+        store->StartBatch();
+        batch_open = true;
+      }
       Ptr<CpxExpressionEvaluator_Engine> ev = ctx->GetEvaluator(*in);
       ev->Reset();
       ev->Execute(0, &inputs);
-      if (store) store->EndBatch();
+      if (store && (i % 3 == 2 || i + 1 == rows.size() || (*restarts)[i + 1])) {
+        store->EndBatch();
+        batch_open = false;
+      }
       const CpxTuple& out = *ev->GetOutputTuples()->GetObjectByPos(0);
       std::vector<Val> values;
       for (unsigned f = 0; f < kKindCount; ++f) values.push_back(ReadOutput(out, f));
