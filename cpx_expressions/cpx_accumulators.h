@@ -316,10 +316,31 @@ class CpxMultiplicityMap {
       m_map;
 };
 
+// A count table that accumulators of one group share when they count the
+// values of the same input (the standard deviation, Min and Max of one
+// column, say): each keeps its counts in a column of its own, so that a
+// row's value is looked up in one slot, one cache line, rather than in one
+// table per accumulator. The group's evaluator owns it (see
+// CpxExpressionOperator_Engine::ShareCounts).
+template <class Key>
+struct CpxSharedCountTable final : CpxSharedState_Engine {
+  static constexpr unsigned kColumns = 4;
+  CpxCountTable<Key, CpxAccumulatorHash, CpxAccumulatorEqual, kColumns> table;
+};
+
+// A multiplicity container that can keep its counts in a shared table.
+template <class M>
+concept CpxSharesCounts = requires(M& m, std::unique_ptr<CpxSharedState_Engine>& shared) {
+  m.Share(shared, 0u);
+};
+
 // The hashed form: one probe of an open-addressing table per change. A
 // table that only loses and regains entries (a sliding window) reuses its
 // slots without allocating. Fixed-size values live in a CpxCountTable (the
-// value and its count in one slot); texts in an Abseil flat hash map.
+// value and its count in one slot), the map's own or a column of a table
+// shared with other accumulators of the group (Share); texts in an Abseil
+// flat hash map. Which one is decided when the state is created, so the
+// branch on it goes the same way on every row.
 template <class Field>
 class CpxHashedMultiplicityMap {
   static constexpr bool kBytes = CpxAccumulatorValue<Field>::kBytes;
@@ -336,9 +357,16 @@ class CpxHashedMultiplicityMap {
       it->second += n;
       return {v, it->second};
     } else {
+      if (m_shared) {
+        auto& slot = m_shared->FindOrInsert(v);
+        uint32_t& count = slot.count[m_column];
+        if (count == 0) NoteFirst(v);
+        count += n;
+        return {Held(slot.value), count};
+      }
       auto& slot = m_map.FindOrInsert(v);
-      slot.count += n;
-      return {slot.value, slot.count};
+      slot.count[0] += n;
+      return {slot.value, slot.count[0]};
     }
   }
   std::optional<Entry> Remove(Value v) {
@@ -348,10 +376,19 @@ class CpxHashedMultiplicityMap {
       const Entry entry{v, --it->second};
       if (entry.count == 0) m_map.erase(it);
       return entry;
+    } else if (m_shared) {
+      auto* slot = m_shared->Find(v);
+      if (!slot || slot->count[m_column] == 0) return std::nullopt;
+      const Entry entry{Held(slot->value), --slot->count[m_column]};
+      if (entry.count == 0) {
+        --m_size;
+        if (!SharedTable::Occupied(*slot)) m_shared->Erase(*slot);
+      }
+      return entry;
     } else {
       auto* slot = m_map.Find(v);
       if (!slot) return std::nullopt;
-      const Entry entry{slot->value, --slot->count};
+      const Entry entry{slot->value, --slot->count[0]};
       if (entry.count == 0) m_map.Erase(*slot);
       return entry;
     }
@@ -360,9 +397,12 @@ class CpxHashedMultiplicityMap {
     if constexpr (kBytes) {
       auto it = m_map.find(v);
       return it == m_map.end() ? 0 : it->second;
+    } else if (m_shared) {
+      const auto* slot = m_shared->Find(v);
+      return slot ? slot->count[m_column] : 0;
     } else {
       const auto* slot = m_map.Find(v);
-      return slot ? slot->count : 0;
+      return slot ? slot->count[0] : 0;
     }
   }
   // The value held for `v` (equivalent to it), or nullptr.
@@ -370,6 +410,14 @@ class CpxHashedMultiplicityMap {
     if constexpr (kBytes) {
       auto it = m_map.find(v);
       return it == m_map.end() ? nullptr : &it->first;
+    } else if (m_shared) {
+      const auto* slot = m_shared->Find(v);
+      if (!slot || slot->count[m_column] == 0) return nullptr;
+      if constexpr (std::is_floating_point_v<Key>) {
+        if (slot->value == 0) return &m_zero;
+        if (std::isnan(slot->value)) return &m_nan;
+      }
+      return &slot->value;
     } else {
       const auto* slot = m_map.Find(v);
       return slot ? &slot->value : nullptr;
@@ -380,34 +428,81 @@ class CpxHashedMultiplicityMap {
     if constexpr (kBytes) {
       return static_cast<uint32_t>(m_map.size());
     } else {
-      return static_cast<uint32_t>(m_map.Size());
+      return static_cast<uint32_t>(m_shared ? m_size : m_map.Size());
     }
   }
   // Announces a lookup of `v` (fixed-size values only), for a caller that
   // adds many values at once.
-  void Prefetch(Value v) const requires(!kBytes) { m_map.Prefetch(v); }
-  // Calls fn(value, count) for every slot of the table, empty ones (count
-  // 0) included (fixed-size values only).
-  template <class Fn>
-  void ForEachSlot(Fn&& fn) const requires(!kBytes) {
-    m_map.ForEachSlot(fn);
+  void Prefetch(Value v) const requires(!kBytes) {
+    if (m_shared) {
+      m_shared->Prefetch(v);
+    } else {
+      m_map.Prefetch(v);
+    }
   }
   // Calls fn(value, count) for every entry, in no particular order.
   template <class Fn>
   void ForEachUnordered(Fn&& fn) const {
     if constexpr (kBytes) {
       for (const auto& [key, count] : m_map) fn(CpxAccumulatorValue<Field>::View(key), count);
+    } else if (m_shared) {
+      m_shared->ForEach([&](Key value, uint32_t n) { fn(Held(value), n); }, m_column);
     } else {
       m_map.ForEach(fn);
     }
   }
+  // Calls fn(value, count) for every slot of the table, empty ones (count
+  // 0) included (fixed-size values only).
+  template <class Fn>
+  void ForEachSlot(Fn&& fn) const requires(!kBytes) {
+    if (m_shared) {
+      m_shared->ForEachSlot([&](Key value, uint32_t n) { fn(Held(value), n); }, m_column);
+    } else {
+      m_map.ForEachSlot(fn);
+    }
+  }
+  // Keeps the counts from now on in column `column` of the group's shared
+  // table `shared` (made here when it does not exist yet); the map is empty.
+  void Share(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column) requires(!kBytes) {
+    if (!shared) shared.reset(new CpxSharedCountTable<Key>());
+    m_shared = &static_cast<CpxSharedCountTable<Key>&>(*shared).table;
+    m_column = static_cast<uint8_t>(column);
+  }
 
  private:
+  using SharedTable =
+      CpxCountTable<Key, CpxAccumulatorHash, CpxAccumulatorEqual, CpxSharedCountTable<Key>::kColumns>;
+  using OwnTable = CpxCountTable<Key, CpxAccumulatorHash, CpxAccumulatorEqual>;
+
+  // A new entry of the map's column of a shared table. A shared slot holds
+  // its value as the sharer that entered it first added it; of the values
+  // with more than one form (0.0 and -0.0; every NaN) the map keeps the form
+  // it added first itself, and reports that one (Held).
+  void NoteFirst(Value v) {
+    ++m_size;
+    if constexpr (std::is_floating_point_v<Key>) {
+      if (v == 0) m_zero = v;
+      if (std::isnan(v)) m_nan = v;
+    }
+  }
+  Value Held(Key value) const {
+    if constexpr (std::is_floating_point_v<Key>) {
+      if (value == 0) return m_zero;
+      if (std::isnan(value)) return m_nan;
+    }
+    return value;
+  }
+
   std::conditional_t<kBytes,
                      absl::flat_hash_map<Key, uint32_t, CpxAccumulatorHash, CpxAccumulatorEqual,
                                          VxMemoryObjectAllocator<std::pair<const Key, uint32_t>>>,
-                     CpxCountTable<Key, CpxAccumulatorHash, CpxAccumulatorEqual>>
+                     OwnTable>
       m_map;
+  SharedTable* m_shared = nullptr;
+  uint8_t m_column = 0;
+  uint32_t m_size = 0;  // entries of the map's column of a shared table
+  // The map's own forms of 0 and NaN in a shared table (floating-point values).
+  std::conditional_t<std::is_floating_point_v<Key>, Key, char> m_zero{}, m_nan{};
 };
 
 // The hashed form with the first value in `Order` at hand, for fixed-size
@@ -493,6 +588,10 @@ class CpxExtremeMultiplicityMap {
   void ForEachSlot(Fn&& fn) {
     if (!m_pending.empty()) EnterPending();
     m_counts.ForEachSlot(fn);
+  }
+  // See CpxHashedMultiplicityMap::Share.
+  void Share(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column) {
+    m_counts.Share(shared, column);
   }
   // The first value in `Order`; the map is not empty.
   Value First() const { return m_first; }
@@ -948,6 +1047,13 @@ class CpxSumState final : public CpxAccumulatorState {
   T m_sum{};
   T m_zeros{};
   bool m_flag = false;
+ public:
+  // Keeps the value counts in column `column` of the group's shared table
+  // (see CpxExpressionOperator_Engine::ShareCounts).
+  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
+    requires CpxSharesCounts<decltype(m_values)> {
+    m_values.Share(shared, column);
+  }
 };
 
 // ---- Avg, AvgDistinct ----
@@ -1013,6 +1119,13 @@ class CpxAvgState final : public CpxAccumulatorState {
       m_values;
   Sum m_sum{};
   Count m_count = 0;
+ public:
+  // Keeps the value counts in column `column` of the group's shared table
+  // (see CpxExpressionOperator_Engine::ShareCounts).
+  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
+    requires CpxSharesCounts<decltype(m_values)> {
+    m_values.Share(shared, column);
+  }
 };
 
 // ---- Median, MedianDistinct ----
@@ -1152,6 +1265,13 @@ class CpxDeviationState final : public CpxAccumulatorState {
   uint32_t m_count = 0;
   double m_sum = 0;
   double m_squares = 0;
+ public:
+  // Keeps the value counts in column `column` of the group's shared table
+  // (see CpxExpressionOperator_Engine::ShareCounts).
+  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
+    requires CpxSharesCounts<decltype(m_values)> {
+    m_values.Share(shared, column);
+  }
 };
 
 // ---- Min, Max and their Distinct forms ----
@@ -1200,6 +1320,13 @@ class CpxExtremeState final : public CpxAccumulatorState {
   using Map = std::conditional_t<CpxAccumulatorValue<In>::kBytes, CpxMultiplicityMap<In, Order>,
                                  CpxExtremeMultiplicityMap<In, Order>>;
   Counts<In, Map, 0> m_values;
+ public:
+  // Keeps the value counts in column `column` of the group's shared table
+  // (see CpxExpressionOperator_Engine::ShareCounts).
+  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
+    requires CpxSharesCounts<decltype(m_values)> {
+    m_values.Share(shared, column);
+  }
 };
 
 // ---- CountDistinct ----
@@ -1231,6 +1358,13 @@ class CpxCountDistinctState final : public CpxAccumulatorState {
  private:
   Counts<In, CpxHashedMultiplicityMap<In>, 1> m_values;
   int32_t m_number = 0;
+ public:
+  // Keeps the value counts in column `column` of the group's shared table
+  // (see CpxExpressionOperator_Engine::ShareCounts).
+  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
+    requires CpxSharesCounts<decltype(m_values)> {
+    m_values.Share(shared, column);
+  }
 };
 
 // ---- Last ----
@@ -1320,12 +1454,24 @@ template <class Input, class Out, class StateClass>
 class CpxExpressionOperator_Accumulator_Engine
     : public CpxExpressionOperator_Stateful_Engine<StateClass> {
   using Base = CpxExpressionOperator_Stateful_Engine<StateClass>;
+  static constexpr bool kSharesCounts =
+      requires(StateClass& s, std::unique_ptr<CpxSharedState_Engine>& shared) {
+        s.ShareCounts(shared, 0u);
+      };
 
  public:
   using Base::Base;
   using typename Base::State;
 
   void InsureValidParameters() const override { this->InsureShape({Input::kKind}, Out::kKind); }
+  std::optional<CpxExpressionOperator_Engine::CountsKey> GetCountsKey() const override {
+    if constexpr (kSharesCounts) return this->FirstInputCountsKey(static_cast<int>(*Input::kKind));
+    return std::nullopt;
+  }
+  void ShareCounts(CpxExpressionOperatorState_Engine& state,
+                   std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column) const override {
+    if constexpr (kSharesCounts) static_cast<State&>(state).ShareCounts(shared, column);
+  }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
     unsigned out_pos = 0, in_pos = 0;
     CpxTuple* out = this->GetOutputTupleField(ev, 0, out_pos);

@@ -177,8 +177,11 @@ void CpxExpressionEvaluator_Engine::Prepare() {
   PrepareTuples(m_temporary, CpxTupleSetKind::Temporary);
   PrepareTuples(m_output, CpxTupleSetKind::Output);
   BindOwnTupleTables();
+  m_shared.clear();
   m_states.assign(m_context->GetOperatorCount(), nullptr);
   m_live_states.clear();
+  m_shared.resize(m_context->GetCountsShareGroups());
+  m_shares_version = m_context->GetCountsSharesVersion();
   m_dirty = false;
 }
 
@@ -187,7 +190,11 @@ CpxExpressionOperatorState_Engine* CpxExpressionEvaluator_Engine::CreateOperator
   if (position >= m_states.size()) XmlObject::RaiseIndexOutOfRange(position, m_states.size(), "operator states");
   Ptr<CpxExpressionOperatorState_Engine>& state = m_states[position];
   if (!state) {
-    state = m_context->GetOperatorByPos(position)->CreateState();
+    const CpxExpressionOperator_Engine* op = m_context->GetOperatorByPos(position);
+    state = op->CreateState();
+    const CpxExpressionContext_Engine::CountsShare share = m_context->GetCountsShare(position);
+    if (state && share.group >= 0 && m_shares_version == m_context->GetCountsSharesVersion())
+      op->ShareCounts(*state, m_shared[static_cast<size_t>(share.group)], share.column);
     if (state) m_live_states.push_back(state.Get());
     if (state && m_batch) state->InitializePersistence(m_batch, m_key, position);
   }
@@ -338,6 +345,13 @@ void CpxExpressionEvaluator_Engine::WriteDeferred(CpxPersistentStorageBatch& bat
                                static_cast<uint32_t>(m_record.size() - 4));
   batch.Put(m_key, m_record);
 }
+
+void* CpxSharedState_Engine::operator new(size_t size) {
+  void* p = VxMemoryFuncMalloc(size);
+  if (!p) throw std::bad_alloc();
+  return p;
+}
+void CpxSharedState_Engine::operator delete(void* p) { VxMemoryFuncFree(p); }
 
 // ---- context ----
 
@@ -566,6 +580,28 @@ void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesLi
 void CpxExpressionContext_Engine::TakeOperatorArray() const {
   m_operator_array.clear();
   for (const Ptr<CpxExpressionOperator_Engine>& op : GetOperators()) m_operator_array.push_back(op.Get());
+  // Share groups: the operators of one input, in order, a table's columns
+  // to a group.
+  constexpr unsigned kColumns = 4;
+  const size_t n = m_operator_array.size();
+  std::vector<std::optional<CpxExpressionOperator_Engine::CountsKey>> keys(n);
+  for (size_t p = 0; p < n; ++p) keys[p] = m_operator_array[p]->GetCountsKey();
+  m_counts_shares.assign(n, CountsShare{});
+  m_counts_share_groups = 0;
+  ++m_counts_shares_taken;
+  for (size_t p = 0; p < n; ++p) {
+    if (!keys[p] || m_counts_shares[p].group >= 0) continue;
+    std::vector<size_t> same{p};
+    for (size_t q = p + 1; q < n; ++q)
+      if (keys[q] == keys[p] && m_counts_shares[q].group < 0) same.push_back(q);
+    if (same.size() < 2) continue;
+    for (size_t i = 0; i < same.size(); ++i) {
+      if (i % kColumns == 0 && same.size() - i < 2) break;  // a last one alone
+      if (i % kColumns == 0) ++m_counts_share_groups;
+      m_counts_shares[same[i]] = {static_cast<int32_t>(m_counts_share_groups - 1),
+                                  static_cast<uint32_t>(i % kColumns)};
+    }
+  }
 }
 
 void CpxExpressionContext_Engine::InitializeEvaluators(PtrView<const CpxTuplesList>) {

@@ -153,6 +153,17 @@ class CpxExpressionOperatorState_Engine : public CpxPersistentStorageDeferredWri
   uint32_t m_operator_number = 0;
 };
 
+// State that operators of one evaluator share (a count table that several
+// accumulators over the same input keep in one, see ShareCounts). The
+// evaluator owns it and drops it with its states; the states that use it
+// hold plain pointers to it.
+class CpxSharedState_Engine {
+ public:
+  virtual ~CpxSharedState_Engine() = default;
+  static void* operator new(size_t size);
+  static void operator delete(void* p);
+};
+
 // ---- operators ----
 
 class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionTypes> {
@@ -165,6 +176,25 @@ class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionT
   virtual void Execute(CpxExpressionEvaluator_Engine* evaluator, unsigned position) const = 0;
   // A fresh state for stateful operators; null for the others.
   virtual Ptr<CpxExpressionOperatorState_Engine> CreateState() const { return nullptr; }
+
+  // Accumulators whose state counts fixed-size values in a hash table may
+  // keep their counts in a table shared with the other such accumulators of
+  // the same input in the group: the context groups them when it takes its
+  // operators (CountsKey says whether this one can, and for which input and
+  // value type), and the evaluator gives each new state its column of the
+  // group's shared table (ShareCounts, before the state takes any value).
+  // Each accumulator keeps counts of its own there, so its results are
+  // those of a table of its own whatever rows reach it.
+  struct CountsKey {
+    CpxTupleSetKind kind;
+    uint16_t tuple_pos;
+    uint32_t field_pos;
+    int value_kind;
+    bool operator==(const CountsKey&) const = default;
+  };
+  virtual std::optional<CountsKey> GetCountsKey() const { return std::nullopt; }
+  virtual void ShareCounts(CpxExpressionOperatorState_Engine&,
+                           std::unique_ptr<CpxSharedState_Engine>&, unsigned) const {}
 
   // True when every field of `list` holds a value in `evaluator`'s tuples.
   static bool CheckAllFieldsAvailable(CpxExpressionEvaluator_Engine* evaluator,
@@ -193,6 +223,13 @@ class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionT
                                                 unsigned i, unsigned& field_pos) const;
   VX_ALWAYS_INLINE CpxTuple* GetOutputTupleField(CpxExpressionEvaluator_Engine* evaluator,
                                                  unsigned i, unsigned& field_pos) const;
+  // The first input's bound reference as a counts key for values of
+  // `value_kind`, once the operator is valid.
+  std::optional<CountsKey> FirstInputCountsKey(int value_kind) const {
+    if (m_inline_inputs == 0) return std::nullopt;
+    const BoundParam& b = m_bound_inputs[0];
+    return CountsKey{b.kind, b.tuple_pos, b.field_pos, value_kind};
+  }
 
  private:
   // A parameter's bound positions, copied out of its reference once the
@@ -351,6 +388,11 @@ class CpxExpressionEvaluator_Engine : public CpxPersistentStorageDeferredWrite {
   Ptr<CpxTuplesList_Vector> m_output;
   VxMemoryVector<Ptr<CpxExpressionOperatorState_Engine>> m_states;
   VxMemoryVector<CpxExpressionOperatorState_Engine*> m_live_states;  // the non-null m_states
+  // The tables that states share (see CpxExpressionOperator_Engine::ShareCounts),
+  // by the context's share group; declared after the states, so destroyed
+  // before them (states only point into them and never look in when they go).
+  VxMemoryVector<std::unique_ptr<CpxSharedState_Engine>> m_shared;
+  uint64_t m_shares_version = 0;  // the context's share groups m_shared follows
   TupleTable m_tables[kTupleSetKindCount];
   VxMemoryVector<CpxTuple*> m_gathered_input;  // an input list without a tuple array
   int64_t m_now = 0;
@@ -450,6 +492,32 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
 
   CpxTuplesList_Vector* GetVariableTuples() const { return m_variables.Get(); }
 
+  // Where the state of the operator at a position keeps its counts: column
+  // `column` of the evaluator's shared table `group`, or (group < 0) a table
+  // of its own. Settled when the operator array is taken: the operators
+  // that can share (GetCountsKey) are grouped by input and value type in
+  // operator order, up to a table's columns to a group, and an operator
+  // alone with its input keeps its own table.
+  struct CountsShare {
+    int32_t group = -1;
+    uint32_t column = 0;
+  };
+  CountsShare GetCountsShare(unsigned position) const {
+    GetOperatorArray();
+    return position < m_counts_shares.size() ? m_counts_shares[position] : CountsShare{};
+  }
+  unsigned GetCountsShareGroups() const {
+    GetOperatorArray();
+    return m_counts_share_groups;
+  }
+  // Changes whenever the groups are settled again (operators were added):
+  // an evaluator prepared before then gives its new states tables of their
+  // own, since its shared tables follow the earlier groups.
+  uint64_t GetCountsSharesVersion() const {
+    GetOperatorArray();
+    return m_counts_shares_taken;
+  }
+
  private:
   struct EvaluatorMap;
   Ptr<CpxExpressionEvaluator_Engine> NewEvaluator() const;
@@ -472,6 +540,9 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
   unsigned m_group_count = 0;
   void TakeOperatorArray() const;
   mutable std::vector<const CpxExpressionOperator_Engine*> m_operator_array;
+  mutable std::vector<CountsShare> m_counts_shares;  // by operator position
+  mutable unsigned m_counts_share_groups = 0;
+  mutable uint64_t m_counts_shares_taken = 0;  // how many times they were settled
   bool m_initialized = false;
 };
 

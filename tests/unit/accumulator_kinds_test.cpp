@@ -447,6 +447,93 @@ TEST(Threshold, GetResultReportsCriteriaOutOfRange) {
             "\nInvalid Threshold request! Should be UP, DOWN or ANY as 0, 1, 2 but received -2.");
 }
 
+// ---- shared count tables ----
+
+// Accumulators that count the values of one input share a table, a
+// table's four columns to a group; kinds that keep no hashed counts, or an
+// input read by one accumulator only, keep their own.
+TEST(AccumulatorSharedCounts, SameInputAccumulatorsAreGrouped) {
+  auto acc = [](const char* name, const char* type, const char* field, const char* out) {
+    return Op(name, type, Ref("Input", "In", field), Ref("Output", "Out", out));
+  };
+  Ptr<CpxExpressionContext_Engine> ctx = testing::Load(ContextXml(
+      "<InputTuples><TupleDescriptor Name=\"In\"><Field Name=\"v\" Type=\"float\"/>"
+      "<Field Name=\"w\" Type=\"float\"/></TupleDescriptor></InputTuples>"
+      "<OutputTuples><TupleDescriptor Name=\"Out\"><Field Name=\"f\" Type=\"float\"/>"
+      "<Field Name=\"i\" Type=\"integer\"/></TupleDescriptor></OutputTuples><Operators>" +
+      acc("min", "AccumulatorMinFloat", "v", "f") + acc("max", "AccumulatorMaxFloat", "v", "f") +
+      acc("sum", "AccumulatorSumFloat", "v", "f") + acc("median", "AccumulatorMedianFloat", "v", "f") +
+      acc("dev", "AccumulatorStandardDeviationFloat", "v", "f") +
+      acc("min_w", "AccumulatorMinFloat", "w", "f") +
+      acc("distinct", "AccumulatorCountDistinctFloat", "v", "i") +
+      acc("max_again", "AccumulatorMaxFloat", "v", "f") +
+      acc("avg_distinct", "AccumulatorAvgDistinctFloat", "v", "f") + "</Operators>"));
+  ctx->InitializeEvaluators();
+  std::vector<std::string> shares;
+  for (unsigned p = 0; p < ctx->GetOperatorCount(); ++p) {
+    const auto share = ctx->GetCountsShare(p);
+    shares.push_back(share.group < 0 ? "own"
+                                     : std::to_string(share.group) + "." + std::to_string(share.column));
+  }
+  EXPECT_EQ(shares, (std::vector<std::string>{"0.0", "0.1", "own", "own", "0.2", "own", "0.3", "1.0",
+                                              "1.1"}));
+  EXPECT_EQ(ctx->GetCountsShareGroups(), 2u);
+}
+
+// Each sharer keeps its own counts and its own first form of a value: a
+// jump that keeps rows from one Min leaves its results those of a table of
+// its own, -0 and 0 included.
+TEST(AccumulatorSharedCounts, SharersSeeOnlyTheirOwnRows) {
+  Ptr<CpxExpressionContext_Engine> ctx = testing::Load(ContextXml(
+      "<InputTuples><TupleDescriptor Name=\"In\"><Field Name=\"skip\" Type=\"boolean\"/>"
+      "<Field Name=\"v\" Type=\"float\"/></TupleDescriptor></InputTuples>"
+      "<OutputTuples><TupleDescriptor Name=\"Out\"><Field Name=\"some\" Type=\"float\"/>"
+      "<Field Name=\"all\" Type=\"float\"/><Field Name=\"n\" Type=\"integer\"/>"
+      "</TupleDescriptor></OutputTuples>"
+      "<ConstantTuples><TupleDescriptor Name=\"K\"><Field Name=\"p2\" Type=\"integer\" "
+      "Default=\"2\"/></TupleDescriptor></ConstantTuples><Operators>" +
+      Op("jump", "IfTrueGoto", Ref("Input", "In", "skip") + Ref("Constant", "K", "p2"), "") +
+      Op("some", "AccumulatorMinFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "some")) +
+      Op("all", "AccumulatorMinFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "all")) +
+      Op("n", "AccumulatorCountDistinctFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "n")) +
+      "</Operators>"));
+  ctx->InitializeEvaluators();
+  ASSERT_EQ(ctx->GetCountsShare(1).group, 0);
+  ASSERT_EQ(ctx->GetCountsShare(3).group, 0);
+  struct Step {
+    bool skip;
+    const char* v;
+    int sign;
+    const char* out;  // some, all, n
+  };
+  const Step steps[] = {
+      {true, "-0.0", Message::kPositive, "NULL -0 1"},  // "some" does not run: NULL
+      {false, "5", Message::kPositive, "5 -0 2"},
+      {false, "5", Message::kNegative, "NULL -0 1"},
+      {false, "0.0", Message::kPositive, "0 -0 1"},  // the slot holds -0: "some" added 0
+      {false, "-1", Message::kPositive, "-1 -1 2"},
+      {false, "-1", Message::kNegative, "0 -0 1"},  // looked up again: still its own 0
+      {true, "-0.0", Message::kNegative, "NULL -0 1"},
+      {false, "0.0", Message::kNegative, "NULL NULL 0"},
+  };
+  Ptr<CpxTuple> in = ctx->GetInputTupleDescriptors().GetObjectByPos(0)->CreateDefaultTuple();
+  for (const Step& step : steps) {
+    CpxTupleField_Boolean::SetValue(*in, 0, step.skip);
+    ASSERT_TRUE(SetFieldFromText(*in, 1, step.v));
+    in->SetTupleType(step.sign);
+    CpxTuplesList_Vector inputs;
+    inputs.Add(in);
+    Ptr<CpxExpressionEvaluator_Engine> ev = ctx->GetEvaluator(*in);
+    ev->Reset();
+    ev->Execute(0, &inputs);
+    const CpxTuple& out = *ev->GetOutputTuples()->GetObjectByPos(0);
+    std::string got;
+    for (unsigned f = 0; f < 3; ++f)
+      got += (f ? " " : "") + (out.HasFieldValue(f) ? FieldToText(out, f) : std::string("NULL"));
+    EXPECT_EQ(got, step.out) << step.v << (step.skip ? " skipped" : "");
+  }
+}
+
 // ---- stored items ----
 
 class AccumulatorStore : public ::testing::Test {
