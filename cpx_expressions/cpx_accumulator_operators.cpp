@@ -1,6 +1,9 @@
 // Accumulator operators and Threshold: the registered classes of every value
 // type, over the generic templates of cpx_accumulators.h.
 #include "cpx_expressions/cpx_accumulators.h"
+
+#include <atomic>
+
 #include "cpx_expressions/cpx_operator_registry.h"
 
 namespace vx {
@@ -10,6 +13,13 @@ namespace vx {
 void CpxRaiseExtraNegativeTuple(const char* method, const std::string& elem) {
   VX_RAISE(VX_SERVER_EXTRA_NEGATIVE_TUPLE_REMOVE_REQUEST, method, {"elem", elem},
            {"method", method});
+}
+
+// Process-wide, so that a table made after another was dropped never passes
+// for it (see CpxSharedCountTable::WholeRecord).
+uint64_t CpxNextSharedTableId() {
+  static std::atomic<uint64_t> next{1};
+  return next.fetch_add(1, std::memory_order_relaxed);
 }
 
 void CpxCounterState::DecrementCounter(Batch* batch) {

@@ -316,6 +316,51 @@ class CpxMultiplicityMap {
       m_map;
 };
 
+// The record of a whole value table (see CpxAccumulatorState::Counts): the
+// number of values held once (4 bytes), those values, then each value held
+// more than once with its count (4 bytes), a value as its own bytes.
+template <class Key>
+class CpxWholeRecord {
+ public:
+  static constexpr size_t kWidth = sizeof(Key), kPairBytes = kWidth + 4;
+
+  // Starts a record of at most `entries` entries.
+  void Start(size_t entries) {
+    m_bytes.resize(4 + (entries + 1) * kWidth);
+    m_at = m_bytes.data() + 4;
+    m_pairs.clear();
+  }
+  // One slot of a table: its value and count (0: an empty slot, left out).
+  // Every value is copied and kept only when held once, so that the loop
+  // over a table has no branch for the common case (the room for one value
+  // beyond the last takes the copy after it).
+  void Take(Key held, uint32_t n) {
+    if (n > 1) [[unlikely]] {
+      char pair[kPairBytes];
+      std::memcpy(pair, &held, kWidth);
+      std::memcpy(pair + kWidth, &n, 4);
+      m_pairs.append(pair, kPairBytes);
+    }
+    std::memcpy(m_at, &held, kWidth);
+    m_at += n == 1 ? kWidth : 0;
+  }
+  const std::string& Bytes() const { return m_bytes; }
+  const std::string& Finish() {
+    const uint32_t singles = static_cast<uint32_t>((m_at - (m_bytes.data() + 4)) / kWidth);
+    std::memcpy(m_bytes.data(), &singles, 4);
+    m_bytes.resize(4 + size_t{singles} * kWidth);
+    m_bytes += m_pairs;
+    return m_bytes;
+  }
+
+ private:
+  std::string m_bytes;  // reused from record to record
+  std::string m_pairs;
+  char* m_at = nullptr;
+};
+
+uint64_t CpxNextSharedTableId();
+
 // A count table that accumulators of one group share when they count the
 // values of the same input (the standard deviation, Min and Max of one
 // column, say): each keeps its counts in a column of its own, so that a
@@ -326,6 +371,41 @@ template <class Key>
 struct CpxSharedCountTable final : CpxSharedState_Engine {
   static constexpr unsigned kColumns = 4;
   CpxCountTable<Key, CpxAccumulatorHash, CpxAccumulatorEqual, kColumns> table;
+  uint64_t changes = 0;  // counted by every change of any column
+  const uint64_t id = CpxNextSharedTableId();
+  unsigned columns = 0;  // columns handed out
+  // Each column's own forms of 0 and NaN (floating-point values; see
+  // CpxHashedMultiplicityMap::Held).
+  std::conditional_t<std::is_floating_point_v<Key>, Key, char> zero[kColumns] = {}, nan[kColumns] = {};
+
+  Key Held(Key value, unsigned column) const {
+    if constexpr (std::is_floating_point_v<Key>) {
+      if (value == 0) return zero[column];
+      if (std::isnan(value)) return nan[column];
+    }
+    return value;
+  }
+  // The whole-table record of `column`. The records of every column are
+  // built in one pass over the slots and kept (per thread) until a count of
+  // the table changes: the sharers of a table write their records one after
+  // the other when a batch is written, so the others take theirs from there.
+  const std::string& WholeRecord(unsigned column) const {
+    struct Built {
+      uint64_t id = 0, changes = 0;
+      CpxWholeRecord<Key> records[kColumns];
+    };
+    thread_local Built built;
+    if (built.id != id || built.changes != changes) {
+      built.id = id;
+      built.changes = changes;
+      for (unsigned c = 0; c < columns; ++c) built.records[c].Start(table.Size());
+      table.ForEachSlotAll([&](Key value, const uint32_t* counts) {
+        for (unsigned c = 0; c < columns; ++c) built.records[c].Take(Held(value, c), counts[c]);
+      });
+      for (unsigned c = 0; c < columns; ++c) built.records[c].Finish();
+    }
+    return built.records[column].Bytes();
+  }
 };
 
 // A multiplicity container that can keep its counts in a shared table.
@@ -362,6 +442,7 @@ class CpxHashedMultiplicityMap {
         uint32_t& count = slot.count[m_column];
         if (count == 0) NoteFirst(v);
         count += n;
+        ++m_owner->changes;
         return {Held(slot.value), count};
       }
       auto& slot = m_map.FindOrInsert(v);
@@ -380,6 +461,7 @@ class CpxHashedMultiplicityMap {
       auto* slot = m_shared->Find(v);
       if (!slot || slot->count[m_column] == 0) return std::nullopt;
       const Entry entry{Held(slot->value), --slot->count[m_column]};
+      ++m_owner->changes;
       if (entry.count == 0) {
         --m_size;
         if (!SharedTable::Occupied(*slot)) m_shared->Erase(*slot);
@@ -414,8 +496,8 @@ class CpxHashedMultiplicityMap {
       const auto* slot = m_shared->Find(v);
       if (!slot || slot->count[m_column] == 0) return nullptr;
       if constexpr (std::is_floating_point_v<Key>) {
-        if (slot->value == 0) return &m_zero;
-        if (std::isnan(slot->value)) return &m_nan;
+        if (slot->value == 0) return &m_owner->zero[m_column];
+        if (std::isnan(slot->value)) return &m_owner->nan[m_column];
       }
       return &slot->value;
     } else {
@@ -465,8 +547,15 @@ class CpxHashedMultiplicityMap {
   // table `shared` (made here when it does not exist yet); the map is empty.
   void Share(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column) requires(!kBytes) {
     if (!shared) shared.reset(new CpxSharedCountTable<Key>());
-    m_shared = &static_cast<CpxSharedCountTable<Key>&>(*shared).table;
+    m_owner = &static_cast<CpxSharedCountTable<Key>&>(*shared);
+    m_shared = &m_owner->table;
     m_column = static_cast<uint8_t>(column);
+    m_owner->columns = std::max(m_owner->columns, column + 1);
+  }
+  // The whole-table record of the map's column of a shared table (see
+  // CpxSharedCountTable::WholeRecord), or null for a table of its own.
+  const std::string* SharedWholeRecord() const requires(!kBytes) {
+    return m_owner ? &m_owner->WholeRecord(m_column) : nullptr;
   }
 
  private:
@@ -476,33 +565,26 @@ class CpxHashedMultiplicityMap {
 
   // A new entry of the map's column of a shared table. A shared slot holds
   // its value as the sharer that entered it first added it; of the values
-  // with more than one form (0.0 and -0.0; every NaN) the map keeps the form
-  // it added first itself, and reports that one (Held).
+  // with more than one form (0.0 and -0.0; every NaN) each column keeps the
+  // form it added first itself, and the map reports that one (Held).
   void NoteFirst(Value v) {
     ++m_size;
     if constexpr (std::is_floating_point_v<Key>) {
-      if (v == 0) m_zero = v;
-      if (std::isnan(v)) m_nan = v;
+      if (v == 0) m_owner->zero[m_column] = v;
+      if (std::isnan(v)) m_owner->nan[m_column] = v;
     }
   }
-  Value Held(Key value) const {
-    if constexpr (std::is_floating_point_v<Key>) {
-      if (value == 0) return m_zero;
-      if (std::isnan(value)) return m_nan;
-    }
-    return value;
-  }
+  Value Held(Key value) const { return m_owner->Held(value, m_column); }
 
   std::conditional_t<kBytes,
                      absl::flat_hash_map<Key, uint32_t, CpxAccumulatorHash, CpxAccumulatorEqual,
                                          VxMemoryObjectAllocator<std::pair<const Key, uint32_t>>>,
                      OwnTable>
       m_map;
-  SharedTable* m_shared = nullptr;
+  CpxSharedCountTable<Key>* m_owner = nullptr;  // the shared table, when the map is a column of one
+  SharedTable* m_shared = nullptr;               // its slots
   uint8_t m_column = 0;
   uint32_t m_size = 0;  // entries of the map's column of a shared table
-  // The map's own forms of 0 and NaN in a shared table (floating-point values).
-  std::conditional_t<std::is_floating_point_v<Key>, Key, char> m_zero{}, m_nan{};
 };
 
 // The hashed form with the first value in `Order` at hand, for fixed-size
@@ -589,9 +671,13 @@ class CpxExtremeMultiplicityMap {
     if (!m_pending.empty()) EnterPending();
     m_counts.ForEachSlot(fn);
   }
-  // See CpxHashedMultiplicityMap::Share.
+  // See CpxHashedMultiplicityMap::Share and SharedWholeRecord.
   void Share(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column) {
     m_counts.Share(shared, column);
+  }
+  const std::string* SharedWholeRecord() {
+    if (!m_pending.empty()) EnterPending();
+    return m_counts.SharedWholeRecord();
   }
   // The first value in `Order`; the map is not empty.
   Value First() const { return m_first; }
@@ -776,35 +862,19 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
         Counts& counts = *static_cast<Counts*>(self);
         if (counts.m_entries) return;
         if (counts.Container::Empty()) return state.EraseRawBuffer(&batch, kItem);
-        std::string& bytes = WholeBuffer();
-        std::string& pairs = PairBuffer();
-        pairs.clear();
-        char* at = nullptr;  // where the next value held once goes
-        auto take = [&](Value held, uint32_t n) {
-          if (n > 1) [[unlikely]] {
-            char pair[kPairBytes];
-            std::memcpy(pair, &held, kWidth);
-            std::memcpy(pair + kWidth, &n, 4);
-            pairs.append(pair, kPairBytes);
-          }
-          // Every value is copied and kept only when held once, so that the
-          // loop has no branch for the common case (one value of room
-          // beyond the last takes the copy after it).
-          std::memcpy(at, &held, kWidth);
-          at += n == 1 ? kWidth : 0;
-        };
-        bytes.resize(4 + (size_t{counts.Container::Size()} + 1) * kWidth);
-        at = bytes.data() + 4;
+        if constexpr (requires { counts.SharedWholeRecord(); }) {
+          if (const std::string* record = counts.SharedWholeRecord())
+            return state.SaveRawBuffer(&batch, kItem, *record);
+        }
+        thread_local CpxWholeRecord<typename Access::Key> record;
+        record.Start(counts.Container::Size());
+        auto take = [&](Value held, uint32_t n) { record.Take(held, n); };
         if constexpr (requires { counts.ForEachSlot(take); }) {
           counts.ForEachSlot(take);
         } else {
           counts.ForEachEntry(take);
         }
-        const uint32_t singles = static_cast<uint32_t>((at - (bytes.data() + 4)) / kWidth);
-        std::memcpy(bytes.data(), &singles, 4);
-        bytes.resize(4 + size_t{singles} * kWidth);
-        bytes += pairs;
-        state.SaveRawBuffer(&batch, kItem, bytes);
+        state.SaveRawBuffer(&batch, kItem, record.Finish());
       }
     }
     bool LoadWhole(const PutMessage& message) {
@@ -829,17 +899,6 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
       m_entries = false;
       return true;
     }
-    // The record being built and its values held more than once, reused
-    // from commit to commit.
-    static std::string& WholeBuffer() {
-      thread_local std::string buffer;
-      return buffer;
-    }
-    static std::string& PairBuffer() {
-      thread_local std::string buffer;
-      return buffer;
-    }
-
     bool m_entries = false;  // one record per entry (else one record for all)
   };
 

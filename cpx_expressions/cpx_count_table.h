@@ -103,6 +103,12 @@ class CpxCountTable {
   void ForEachSlot(Fn&& fn, unsigned column = 0) const {
     for (const Slot& s : m_slots) fn(s.value, s.count[column]);
   }
+  // Calls fn(value, counts) for every slot with all its counts, empty ones
+  // included.
+  template <class Fn>
+  void ForEachSlotAll(Fn&& fn) const {
+    for (const Slot& s : m_slots) fn(s.value, s.count);
+  }
   // Announces a lookup of `v`, so that its line is on its way while other
   // work goes on.
   void Prefetch(const T& v) const {
