@@ -329,12 +329,15 @@ class CpxWholeRecord {
     m_bytes.resize(4 + (entries + 1) * kWidth);
     m_at = m_bytes.data() + 4;
     m_pairs.clear();
+    m_entries = 0;
   }
+  size_t Entries() const { return m_entries; }
   // One slot of a table: its value and count (0: an empty slot, left out).
   // Every value is copied and kept only when held once, so that the loop
   // over a table has no branch for the common case (the room for one value
   // beyond the last takes the copy after it).
   void Take(Key held, uint32_t n) {
+    m_entries += n != 0;
     if (n > 1) [[unlikely]] {
       char pair[kPairBytes];
       std::memcpy(pair, &held, kWidth);
@@ -357,9 +360,11 @@ class CpxWholeRecord {
   std::string m_bytes;  // reused from record to record
   std::string m_pairs;
   char* m_at = nullptr;
+  size_t m_entries = 0;
 };
 
 uint64_t CpxNextSharedTableId();
+class CpxAccumulatorState;
 
 // A count table that accumulators of one group share when they count the
 // values of the same input (the standard deviation, Min and Max of one
@@ -374,6 +379,16 @@ struct CpxSharedCountTable final : CpxSharedState_Engine {
   uint64_t changes = 0;  // counted by every change of any column
   const uint64_t id = CpxNextSharedTableId();
   unsigned columns = 0;  // columns handed out
+  // Who keeps each column, for writing the records of all columns at once.
+  struct Sharer {
+    CpxAccumulatorState* state = nullptr;
+    uint32_t item = 0;                // the item of its value table
+    const bool* per_entry = nullptr;  // its table has one record per entry
+    void* counts = nullptr;           // its Counts, and what enters its waiting values
+    void (*enter_pending)(void* counts) = nullptr;
+  };
+  Sharer sharers[kColumns];
+  uint64_t written_generation = 0;  // the batch the records were last written to
   // Each column's own forms of 0 and NaN (floating-point values; see
   // CpxHashedMultiplicityMap::Held).
   std::conditional_t<std::is_floating_point_v<Key>, Key, char> zero[kColumns] = {}, nan[kColumns] = {};
@@ -385,11 +400,18 @@ struct CpxSharedCountTable final : CpxSharedState_Engine {
     }
     return value;
   }
+  // Writes the value table record of every column kept whole to `batch`,
+  // once per batch: a column whose counts are those of an earlier column
+  // (sharers that see the same rows) as a reference to that column (see
+  // CpxAccumulatorState::Counts), the others whole, and an empty column's
+  // record deleted. Any change of any column writes them all, so that a
+  // reference never outlives the counts it refers to.
+  void WriteAll(CpxPersistentStorageBatch& batch);
   // The whole-table record of `column`. The records of every column are
   // built in one pass over the slots and kept (per thread) until a count of
   // the table changes: the sharers of a table write their records one after
   // the other when a batch is written, so the others take theirs from there.
-  const std::string& WholeRecord(unsigned column) const {
+  const CpxWholeRecord<Key>& WholeRecord(unsigned column) const {
     struct Built {
       uint64_t id = 0, changes = 0;
       CpxWholeRecord<Key> records[kColumns];
@@ -404,7 +426,7 @@ struct CpxSharedCountTable final : CpxSharedState_Engine {
       });
       for (unsigned c = 0; c < columns; ++c) built.records[c].Finish();
     }
-    return built.records[column].Bytes();
+    return built.records[column];
   }
 };
 
@@ -552,10 +574,14 @@ class CpxHashedMultiplicityMap {
     m_column = static_cast<uint8_t>(column);
     m_owner->columns = std::max(m_owner->columns, column + 1);
   }
-  // The whole-table record of the map's column of a shared table (see
-  // CpxSharedCountTable::WholeRecord), or null for a table of its own.
-  const std::string* SharedWholeRecord() const requires(!kBytes) {
-    return m_owner ? &m_owner->WholeRecord(m_column) : nullptr;
+  // The shared table the map is a column of, or null.
+  CpxSharedCountTable<Key>* GetSharedTable() const requires(!kBytes) { return m_owner; }
+  unsigned GetColumn() const { return m_column; }
+  // Calls fn(value, count) for every entry of column `column` of the shared
+  // table, each value in that column's form.
+  template <class Fn>
+  void ForEachOfColumn(unsigned column, Fn&& fn) const requires(!kBytes) {
+    m_shared->ForEach([&](Key value, uint32_t n) { fn(m_owner->Held(value, column), n); }, column);
   }
 
  private:
@@ -671,13 +697,19 @@ class CpxExtremeMultiplicityMap {
     if (!m_pending.empty()) EnterPending();
     m_counts.ForEachSlot(fn);
   }
-  // See CpxHashedMultiplicityMap::Share and SharedWholeRecord.
+  // See CpxHashedMultiplicityMap::Share and GetSharedTable.
   void Share(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column) {
     m_counts.Share(shared, column);
   }
-  const std::string* SharedWholeRecord() {
+  auto* GetSharedTable() const { return m_counts.GetSharedTable(); }
+  // Enters the values that wait, so that the table holds every count.
+  void EnterPendingValues() {
     if (!m_pending.empty()) EnterPending();
-    return m_counts.SharedWholeRecord();
+  }
+  unsigned GetColumn() const { return m_counts.GetColumn(); }
+  template <class Fn>
+  void ForEachOfColumn(unsigned column, Fn&& fn) const {
+    m_counts.ForEachOfColumn(column, fn);
   }
   // The first value in `Order`; the map is not empty.
   Value First() const { return m_first; }
@@ -789,6 +821,8 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
    public:
     using Value = typename Access::Value;
     static constexpr uint32_t kWholeMax = 1024;
+    // The first word of a record that refers to another column's table.
+    static constexpr uint32_t kReference = 0xFFFFFFFF;
 
     // Returns the value's new count.
     uint32_t Add(CpxAccumulatorState& state, Batch* batch, Value v) {
@@ -814,9 +848,9 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
       Changed(state, batch, entry->value, entry->count);
       return entry->count;
     }
-    bool Load(const PutMessage& message, unsigned block) {
+    bool Load(CpxAccumulatorState& state, const PutMessage& message, unsigned block) {
       if constexpr (!Access::kBytes) {
-        if (message.GetKey().GetValuesNumber() == block + 2) return LoadWhole(message);
+        if (message.GetKey().GetValuesNumber() == block + 2) return LoadWhole(state, message);
       }
       typename Access::Key key{};
       uint32_t count = 0;
@@ -827,12 +861,38 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
     }
     static constexpr uint32_t kNumber = kItem;
 
+    // Keeps the counts in column `column` of the group's shared table, and
+    // lets the table write this container's record (see
+    // CpxSharedCountTable::WriteAll).
+    void ShareAs(CpxAccumulatorState& state, std::unique_ptr<CpxSharedState_Engine>& shared,
+                 unsigned column) requires CpxSharesCounts<Container> {
+      Container::Share(shared, column);
+      auto& sharer = Container::GetSharedTable()->sharers[column];
+      sharer = {&state, kItem, &m_entries, this, nullptr};
+      if constexpr (requires(Container c) { c.EnterPendingValues(); })
+        sharer.enter_pending = [](void* counts) { static_cast<Counts*>(counts)->EnterPendingValues(); };
+    }
+    // After a restore: a table stored as a reference to another column
+    // takes that column's counts, all of whose records have been read now.
+    void FinishRestore() {
+      if constexpr (CpxSharesCounts<Container>) {
+        if (m_source_column < 0) return;
+        const unsigned source = static_cast<unsigned>(m_source_column);
+        m_source_column = -1;
+        Container::ForEachOfColumn(source, [&](Value v, uint32_t n) { Container::Add(v, n); });
+      }
+    }
+
    private:
     static constexpr size_t kWidth = sizeof(typename Access::Key);
     static constexpr size_t kPairBytes = kWidth + 4;
 
     void Changed(CpxAccumulatorState& state, Batch* batch, Value v, uint32_t count) {
       if (!batch) return;
+      if constexpr (CpxSharesCounts<Container>) {
+        // Any change has the shared table write every column (WriteWhole).
+        if (Container::GetSharedTable()) state.DeferCounts(*batch, this, &WriteWhole);
+      }
       if constexpr (!Access::kBytes) {
         const size_t size = Container::Size();
         if (!m_entries && size > kWholeMax) {
@@ -860,12 +920,11 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
     static void WriteWhole(CpxAccumulatorState& state, void* self, Batch& batch) {
       if constexpr (!Access::kBytes) {
         Counts& counts = *static_cast<Counts*>(self);
+        if constexpr (CpxSharesCounts<Container>) {
+          if (auto* shared = counts.Container::GetSharedTable()) return shared->WriteAll(batch);
+        }
         if (counts.m_entries) return;
         if (counts.Container::Empty()) return state.EraseRawBuffer(&batch, kItem);
-        if constexpr (requires { counts.SharedWholeRecord(); }) {
-          if (const std::string* record = counts.SharedWholeRecord())
-            return state.SaveRawBuffer(&batch, kItem, *record);
-        }
         thread_local CpxWholeRecord<typename Access::Key> record;
         record.Start(counts.Container::Size());
         auto take = [&](Value held, uint32_t n) { record.Take(held, n); };
@@ -877,11 +936,24 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
         state.SaveRawBuffer(&batch, kItem, record.Finish());
       }
     }
-    bool LoadWhole(const PutMessage& message) {
+    bool LoadWhole(CpxAccumulatorState& state, const PutMessage& message) {
       const std::string_view bytes = message.GetKey().GetRawValue();
       uint32_t singles = 0;
       if (bytes.size() < 4) return false;
       std::memcpy(&singles, bytes.data(), 4);
+      if (singles == kReference && bytes.size() == 8) {
+        if constexpr (CpxSharesCounts<Container>) {
+          uint32_t source = 0;
+          std::memcpy(&source, bytes.data() + 4, 4);
+          const auto* shared = Container::GetSharedTable();
+          if (!shared || source >= Container::GetColumn()) return false;
+          m_source_column = static_cast<int>(source);
+          m_entries = false;
+          state.FinishRestoreLater(this, [](void* counts) { static_cast<Counts*>(counts)->FinishRestore(); });
+          return true;
+        }
+        return false;
+      }
       const size_t pairs_at = 4 + size_t{singles} * kWidth;
       if (pairs_at > bytes.size() || (bytes.size() - pairs_at) % kPairBytes != 0) return false;
       typename Access::Key key{};
@@ -900,7 +972,20 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
       return true;
     }
     bool m_entries = false;  // one record per entry (else one record for all)
+    int m_source_column = -1;  // restored as a reference to this column's counts
   };
+
+  // Runs what a restored container left for the end of the restore.
+  void RestoreFinalize() override {
+    if (m_restore_finisher)
+      std::exchange(m_restore_finisher, nullptr)(reinterpret_cast<char*>(this) + m_finish_offset);
+  }
+  // Has `counts` (a member) finish its restore when every record is read.
+  void FinishRestoreLater(void* counts, void (*finisher)(void* counts)) {
+    m_restore_finisher = finisher;
+    m_finish_offset =
+        static_cast<uint32_t>(reinterpret_cast<char*>(counts) - reinterpret_cast<char*>(this));
+  }
 
   // Writes the scalar items changed since the last write and the container
   // registered by DeferCounts, when the batch is written. An item whose
@@ -933,7 +1018,7 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
   struct Item {
     uint32_t number;
     M& member;
-    bool Load(const PutMessage& message, unsigned) const {
+    bool Load(CpxAccumulatorState&, const PutMessage& message, unsigned) const {
       const std::string_view bytes = message.GetKey().GetRawValue();
       if (bytes.size() != sizeof(M)) return false;
       std::memcpy(&member, bytes.data(), sizeof(M));
@@ -972,7 +1057,7 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
   template <class... Items>
   void RestoreItems(const PutMessage& message, unsigned block, const char* kind, Items&&... items) {
     const uint32_t item = GetValueType(message, block);
-    const bool restored = ((NumberOf(items) == item && items.Load(message, block)) || ...);
+    const bool restored = ((NumberOf(items) == item && items.Load(*this, message, block)) || ...);
     if (!restored) RaiseUnknownItem(item, kind);
   }
 
@@ -1013,12 +1098,43 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
 
   CountsWriter m_counts_writer = nullptr;
   uint32_t m_counts_offset = 0;
+  uint32_t m_finish_offset = 0;
+  void (*m_restore_finisher)(void* counts) = nullptr;
   uint8_t m_item_count = 0;
   uint8_t m_changed = 0;  // bit i: m_items[i] changed since it was last written
   uint8_t m_stored = 0;   // bit i: m_stored_bytes[i] holds what the store has of m_items[i]
   NotedItem m_items[kItemsMax] = {};
   uint64_t m_stored_bytes[kItemsMax] = {};
 };
+
+template <class Key>
+void CpxSharedCountTable<Key>::WriteAll(CpxPersistentStorageBatch& batch) {
+  if (written_generation == batch.GetGeneration()) return;
+  written_generation = batch.GetGeneration();
+  for (unsigned c = 0; c < columns; ++c)
+    if (sharers[c].enter_pending) sharers[c].enter_pending(sharers[c].counts);
+  auto whole = [&](unsigned c) {
+    return sharers[c].state && !*sharers[c].per_entry && WholeRecord(c).Entries() > 0;
+  };
+  for (unsigned c = 0; c < columns; ++c) {
+    const Sharer& sharer = sharers[c];
+    if (!sharer.state || *sharer.per_entry) continue;
+    const CpxWholeRecord<Key>& record = WholeRecord(c);
+    if (record.Entries() == 0) {
+      sharer.state->EraseRawBuffer(&batch, sharer.item);
+      continue;
+    }
+    unsigned source = 0;
+    while (source < c && !(whole(source) && WholeRecord(source).Bytes() == record.Bytes())) ++source;
+    if (source == c) {
+      sharer.state->SaveRawBuffer(&batch, sharer.item, record.Bytes());
+    } else {
+      const uint32_t reference[2] = {0xFFFFFFFF, source};
+      sharer.state->SaveRawBuffer(&batch, sharer.item,
+                                  std::string_view(reinterpret_cast<const char*>(reference), 8));
+    }
+  }
+}
 
 template <class Field>
 [[noreturn]] void CpxRaiseExtraNegative(const char* method, typename Field::ValueType v) {
@@ -1111,7 +1227,7 @@ class CpxSumState final : public CpxAccumulatorState {
   // (see CpxExpressionOperator_Engine::ShareCounts).
   void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
     requires CpxSharesCounts<decltype(m_values)> {
-    m_values.Share(shared, column);
+    m_values.ShareAs(*this, shared, column);
   }
 };
 
@@ -1183,7 +1299,7 @@ class CpxAvgState final : public CpxAccumulatorState {
   // (see CpxExpressionOperator_Engine::ShareCounts).
   void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
     requires CpxSharesCounts<decltype(m_values)> {
-    m_values.Share(shared, column);
+    m_values.ShareAs(*this, shared, column);
   }
 };
 
@@ -1329,7 +1445,7 @@ class CpxDeviationState final : public CpxAccumulatorState {
   // (see CpxExpressionOperator_Engine::ShareCounts).
   void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
     requires CpxSharesCounts<decltype(m_values)> {
-    m_values.Share(shared, column);
+    m_values.ShareAs(*this, shared, column);
   }
 };
 
@@ -1384,7 +1500,7 @@ class CpxExtremeState final : public CpxAccumulatorState {
   // (see CpxExpressionOperator_Engine::ShareCounts).
   void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
     requires CpxSharesCounts<decltype(m_values)> {
-    m_values.Share(shared, column);
+    m_values.ShareAs(*this, shared, column);
   }
 };
 
@@ -1422,7 +1538,7 @@ class CpxCountDistinctState final : public CpxAccumulatorState {
   // (see CpxExpressionOperator_Engine::ShareCounts).
   void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
     requires CpxSharesCounts<decltype(m_values)> {
-    m_values.Share(shared, column);
+    m_values.ShareAs(*this, shared, column);
   }
 };
 

@@ -307,6 +307,8 @@ class CpxExpressionEvaluator_Engine : public CpxPersistentStorageDeferredWrite {
   // Hands a stored record to the state of the operator whose number is in
   // block `block`.
   void RestoreFromPersistentStorage(const CpxPersistentStorageMessage_Put& message, unsigned block);
+  // Every record has been handed over: each state finishes its restore.
+  void RestoreFinalize();
   // The row whose key fields name this evaluator's group (a copy).
   const Ptr<CpxTuple>& GetGroupTuple() const { return m_group_tuple; }
   void SetGroupTuple(Ptr<CpxTuple> tuple) { m_group_tuple = std::move(tuple); }

@@ -285,8 +285,14 @@ void CpxExpressionContext_Engine::RestoreMessages() {
   RestoreMessagesFinalize();
 }
 
+void CpxExpressionEvaluator_Engine::RestoreFinalize() {
+  for (CpxExpressionOperatorState_Engine* state : m_live_states) state->RestoreFinalize();
+}
+
 void CpxExpressionContext_Engine::RestoreMessagesFinalize() {
+  if (m_single) m_single->RestoreFinalize();
   for (auto& [id, ev] : m_restoring) {
+    ev->RestoreFinalize();
     if (!ev->GetGroupTuple()) {
       VX_RAISE_TEXT("Persistent storage data of group {group} in expression context '{Name}' have "
                     "no group record.",

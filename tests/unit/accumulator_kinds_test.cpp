@@ -480,60 +480,6 @@ TEST(AccumulatorSharedCounts, SameInputAccumulatorsAreGrouped) {
   EXPECT_EQ(ctx->GetCountsShareGroups(), 2u);
 }
 
-// Each sharer keeps its own counts and its own first form of a value: a
-// jump that keeps rows from one Min leaves its results those of a table of
-// its own, -0 and 0 included.
-TEST(AccumulatorSharedCounts, SharersSeeOnlyTheirOwnRows) {
-  Ptr<CpxExpressionContext_Engine> ctx = testing::Load(ContextXml(
-      "<InputTuples><TupleDescriptor Name=\"In\"><Field Name=\"skip\" Type=\"boolean\"/>"
-      "<Field Name=\"v\" Type=\"float\"/></TupleDescriptor></InputTuples>"
-      "<OutputTuples><TupleDescriptor Name=\"Out\"><Field Name=\"some\" Type=\"float\"/>"
-      "<Field Name=\"all\" Type=\"float\"/><Field Name=\"n\" Type=\"integer\"/>"
-      "</TupleDescriptor></OutputTuples>"
-      "<ConstantTuples><TupleDescriptor Name=\"K\"><Field Name=\"p2\" Type=\"integer\" "
-      "Default=\"2\"/></TupleDescriptor></ConstantTuples><Operators>" +
-      Op("jump", "IfTrueGoto", Ref("Input", "In", "skip") + Ref("Constant", "K", "p2"), "") +
-      Op("some", "AccumulatorMinFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "some")) +
-      Op("all", "AccumulatorMinFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "all")) +
-      Op("n", "AccumulatorCountDistinctFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "n")) +
-      "</Operators>"));
-  ctx->InitializeEvaluators();
-  ASSERT_EQ(ctx->GetCountsShare(1).group, 0);
-  ASSERT_EQ(ctx->GetCountsShare(3).group, 0);
-  struct Step {
-    bool skip;
-    const char* v;
-    int sign;
-    const char* out;  // some, all, n
-  };
-  const Step steps[] = {
-      {true, "-0.0", Message::kPositive, "NULL -0 1"},  // "some" does not run: NULL
-      {false, "5", Message::kPositive, "5 -0 2"},
-      {false, "5", Message::kNegative, "NULL -0 1"},
-      {false, "0.0", Message::kPositive, "0 -0 1"},  // the slot holds -0: "some" added 0
-      {false, "-1", Message::kPositive, "-1 -1 2"},
-      {false, "-1", Message::kNegative, "0 -0 1"},  // looked up again: still its own 0
-      {true, "-0.0", Message::kNegative, "NULL -0 1"},
-      {false, "0.0", Message::kNegative, "NULL NULL 0"},
-  };
-  Ptr<CpxTuple> in = ctx->GetInputTupleDescriptors().GetObjectByPos(0)->CreateDefaultTuple();
-  for (const Step& step : steps) {
-    CpxTupleField_Boolean::SetValue(*in, 0, step.skip);
-    ASSERT_TRUE(SetFieldFromText(*in, 1, step.v));
-    in->SetTupleType(step.sign);
-    CpxTuplesList_Vector inputs;
-    inputs.Add(in);
-    Ptr<CpxExpressionEvaluator_Engine> ev = ctx->GetEvaluator(*in);
-    ev->Reset();
-    ev->Execute(0, &inputs);
-    const CpxTuple& out = *ev->GetOutputTuples()->GetObjectByPos(0);
-    std::string got;
-    for (unsigned f = 0; f < 3; ++f)
-      got += (f ? " " : "") + (out.HasFieldValue(f) ? FieldToText(out, f) : std::string("NULL"));
-    EXPECT_EQ(got, step.out) << step.v << (step.skip ? " skipped" : "");
-  }
-}
-
 // ---- stored items ----
 
 class AccumulatorStore : public ::testing::Test {
@@ -588,6 +534,81 @@ class AccumulatorStore : public ::testing::Test {
   fs::path m_dir;
   std::unique_ptr<CpxPersistentStorageManager> m_store;
 };
+
+// Each sharer of a count table keeps its own counts and its own first form
+// of a value: a jump that keeps rows from one Min leaves its results those
+// of a table of its own, -0 and 0 included, also when the store holds the
+// tables (written whole, or as a reference to a column with the same
+// counts) and the context is restarted before every row.
+TEST_F(AccumulatorStore, SharedTablesKeepEachSharersOwnRows) {
+  const std::string xml = ContextXml(
+      "<InputTuples><TupleDescriptor Name=\"In\"><Field Name=\"skip\" Type=\"boolean\"/>"
+      "<Field Name=\"v\" Type=\"float\"/></TupleDescriptor></InputTuples>"
+      "<OutputTuples><TupleDescriptor Name=\"Out\"><Field Name=\"some\" Type=\"float\"/>"
+      "<Field Name=\"all\" Type=\"float\"/><Field Name=\"n\" Type=\"integer\"/>"
+      "</TupleDescriptor></OutputTuples>"
+      "<ConstantTuples><TupleDescriptor Name=\"K\"><Field Name=\"p2\" Type=\"integer\" "
+      "Default=\"2\"/></TupleDescriptor></ConstantTuples><Operators>" +
+      Op("jump", "IfTrueGoto", Ref("Input", "In", "skip") + Ref("Constant", "K", "p2"), "") +
+      Op("some", "AccumulatorMinFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "some")) +
+      Op("all", "AccumulatorMinFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "all")) +
+      Op("n", "AccumulatorCountDistinctFloat", Ref("Input", "In", "v"), Ref("Output", "Out", "n")) +
+      "</Operators>");
+  {
+    Ptr<CpxExpressionContext_Engine> ctx = testing::Load(xml);
+    ctx->InitializeEvaluators();
+    ASSERT_EQ(ctx->GetCountsShare(1).group, 0);
+    ASSERT_EQ(ctx->GetCountsShare(3).group, 0);
+  }
+  struct Step {
+    bool skip;
+    const char* v;
+    int sign;
+    const char* out;  // some, all, n
+  };
+  const Step steps[] = {
+      {true, "-0.0", Message::kPositive, "NULL -0 1"},  // "some" does not run: NULL
+      {false, "5", Message::kPositive, "5 -0 2"},
+      {false, "5", Message::kNegative, "NULL -0 1"},
+      {false, "0.0", Message::kPositive, "0 -0 1"},  // the slot holds -0: "some" added 0
+      {false, "-1", Message::kPositive, "-1 -1 2"},
+      {false, "-1", Message::kNegative, "0 -0 1"},  // looked up again: still its own 0
+      {true, "-0.0", Message::kNegative, "NULL -0 1"},
+      {false, "0.0", Message::kNegative, "NULL NULL 0"},
+  };
+  for (bool restarts : {false, true}) {
+    Fresh();
+    Ptr<CpxExpressionContext_Engine> ctx;
+    CpxPersistentStorageMessageCache cache;
+    for (const Step& step : steps) {
+      if (!ctx || restarts) {
+        ctx = testing::Load(xml);
+        cache = CpxPersistentStorageMessageCache();
+        CpxPersistentStorageKey key;
+        key.AppendBlock(3, "acc");
+        ctx->InitializeEvaluators(nullptr, &m_store->GetBatch(), key, &cache, m_store.get());
+        ctx->RestoreMessages();
+      }
+      Ptr<CpxTuple> in = ctx->GetInputTupleDescriptors().GetObjectByPos(0)->CreateDefaultTuple();
+      CpxTupleField_Boolean::SetValue(*in, 0, step.skip);
+      ASSERT_TRUE(SetFieldFromText(*in, 1, step.v));
+      in->SetTupleType(step.sign);
+      CpxTuplesList_Vector inputs;
+      inputs.Add(in);
+      m_store->StartBatch();
+      Ptr<CpxExpressionEvaluator_Engine> ev = ctx->GetEvaluator(*in);
+      ev->Reset();
+      ev->Execute(0, &inputs);
+      m_store->EndBatch();
+      const CpxTuple& out = *ev->GetOutputTuples()->GetObjectByPos(0);
+      std::string got;
+      for (unsigned f = 0; f < 3; ++f)
+        got += (f ? " " : "") + (out.HasFieldValue(f) ? FieldToText(out, f) : std::string("NULL"));
+      EXPECT_EQ(got, step.out) << step.v << (step.skip ? " skipped" : "")
+                               << (restarts ? ", restarted" : "");
+    }
+  }
+}
 
 TEST_F(AccumulatorStore, SumSavesSumZeroCountAndFlag) {
   Acc sum("AccumulatorSumInteger", "integer", "integer", m_store.get());
