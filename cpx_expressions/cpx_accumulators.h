@@ -374,7 +374,7 @@ class CpxAccumulatorState;
 // CpxExpressionOperator_Engine::ShareCounts).
 template <class Key>
 struct CpxSharedCountTable final : CpxSharedState_Engine {
-  static constexpr unsigned kColumns = 4;
+  static constexpr unsigned kColumns = CpxExpressionOperator_Engine::kCountsShareColumns;
   CpxCountTable<Key, CpxAccumulatorHash, CpxAccumulatorEqual, kColumns> table;
   uint64_t changes = 0;  // counted by every change of any column
   const uint64_t id = CpxNextSharedTableId();

@@ -582,7 +582,7 @@ void CpxExpressionContext_Engine::TakeOperatorArray() const {
   for (const Ptr<CpxExpressionOperator_Engine>& op : GetOperators()) m_operator_array.push_back(op.Get());
   // Share groups: the operators of one input, in order, a table's columns
   // to a group.
-  constexpr unsigned kColumns = 4;
+  constexpr unsigned kColumns = CpxExpressionOperator_Engine::kCountsShareColumns;
   const size_t n = m_operator_array.size();
   std::vector<std::optional<CpxExpressionOperator_Engine::CountsKey>> keys(n);
   for (size_t p = 0; p < n; ++p) keys[p] = m_operator_array[p]->GetCountsKey();

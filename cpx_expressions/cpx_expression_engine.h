@@ -185,6 +185,7 @@ class CpxExpressionOperator_Engine : public CpxExpressionOperator<CpxExpressionT
   // group's shared table (ShareCounts, before the state takes any value).
   // Each accumulator keeps counts of its own there, so its results are
   // those of a table of its own whatever rows reach it.
+  static constexpr unsigned kCountsShareColumns = 4;  // sharers of one table at most
   struct CountsKey {
     CpxTupleSetKind kind;
     uint16_t tuple_pos;
