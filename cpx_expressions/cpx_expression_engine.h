@@ -477,6 +477,9 @@ class CpxExpressionContext_Engine : public CpxExpressionContext<CpxExpressionTyp
   // Reads every record of this context from the manager and finishes the
   // restore (groups enter the evaluator map).
   void RestoreMessages();
+  // Ends a restore made record by record: every state finishes its restore
+  // (a value table stored as a reference to another is filled from it) and
+  // the groups enter the evaluator map. A restore must end with it.
   void RestoreMessagesFinalize();
   // The evaluator for `tuple`'s group (created on first use); counts the row
   // in a grouped context and drops a group whose count reaches zero from the

@@ -95,13 +95,7 @@ class Acc {
       EXPECT_TRUE(SetFieldFromText(*in, 0, *value)) << *value;
     }
     in->SetTupleType(sign);
-    CpxTuplesList_Vector inputs;
-    inputs.Add(in);
-    Ptr<CpxExpressionEvaluator_Engine> ev = m_ctx->GetEvaluator(*in);
-    ev->Reset();
-    ev->Execute(0, &inputs);
-    const CpxTuple& out = *ev->GetOutputTuples()->GetObjectByPos(0);
-    return out.HasFieldValue(0) ? FieldToText(out, 0) : "NULL";
+    return testing::OutputText(*testing::RunRow(*m_ctx, in));
   }
 
   Ptr<CpxExpressionContext_Engine> m_ctx;
@@ -393,13 +387,7 @@ class ThresholdRows {
     if (v) CpxTupleField_Long::SetValue(*in, 1, *v);
     if (t) CpxTupleField_Long::SetValue(*in, 2, *t);
     in->SetTupleType(sign);
-    CpxTuplesList_Vector inputs;
-    inputs.Add(in);
-    Ptr<CpxExpressionEvaluator_Engine> ev = m_ctx->GetEvaluator(*in);
-    ev->Reset();
-    ev->Execute(0, &inputs);
-    const CpxTuple& out = *ev->GetOutputTuples()->GetObjectByPos(0);
-    return out.HasFieldValue(0) ? FieldToText(out, 0) : "NULL";
+    return testing::OutputText(*testing::RunRow(*m_ctx, in));
   }
 
  private:
@@ -593,17 +581,11 @@ TEST_F(AccumulatorStore, SharedTablesKeepEachSharersOwnRows) {
       CpxTupleField_Boolean::SetValue(*in, 0, step.skip);
       ASSERT_TRUE(SetFieldFromText(*in, 1, step.v));
       in->SetTupleType(step.sign);
-      CpxTuplesList_Vector inputs;
-      inputs.Add(in);
       m_store->StartBatch();
-      Ptr<CpxExpressionEvaluator_Engine> ev = ctx->GetEvaluator(*in);
-      ev->Reset();
-      ev->Execute(0, &inputs);
+      Ptr<CpxExpressionEvaluator_Engine> ev = testing::RunRow(*ctx, in);
       m_store->EndBatch();
-      const CpxTuple& out = *ev->GetOutputTuples()->GetObjectByPos(0);
-      std::string got;
-      for (unsigned f = 0; f < 3; ++f)
-        got += (f ? " " : "") + (out.HasFieldValue(f) ? FieldToText(out, f) : std::string("NULL"));
+      const std::string got = testing::OutputText(*ev, 0) + " " + testing::OutputText(*ev, 1) +
+                              " " + testing::OutputText(*ev, 2);
       EXPECT_EQ(got, step.out) << step.v << (step.skip ? " skipped" : "")
                                << (restarts ? ", restarted" : "");
     }

@@ -592,15 +592,11 @@ class AccumulatorStream : public ::testing::Test {
       SetOptional(*in, 2, r.criteria);
       SetOptional(*in, 3, r.threshold);
       in->SetTupleType(r.negative ? Message::kNegative : Message::kPositive);
-      CpxTuplesList_Vector inputs;
-      inputs.Add(in);
       if (store && !batch_open) {
         store->StartBatch();
         batch_open = true;
       }
-      Ptr<CpxExpressionEvaluator_Engine> ev = ctx->GetEvaluator(*in);
-      ev->Reset();
-      ev->Execute(0, &inputs);
+      Ptr<CpxExpressionEvaluator_Engine> ev = testing::RunRow(*ctx, in);
       if (store && (i % 3 == 2 || i + 1 == rows.size() || (*restarts)[i + 1])) {
         store->EndBatch();
         batch_open = false;

@@ -125,12 +125,7 @@ Ptr<CpxExpressionEvaluator_Engine> RunRow(CpxExpressionContext_Engine& ctx, std:
   row->SetFieldValue(0, static_cast<uint32_t>(s.size()), s.data());
   if (t) row->SetFieldValue(1, static_cast<uint32_t>(t->size()), t->data());
   if (i) CpxTupleField_Integer::SetValue(*row, 2, *i);
-  CpxTuplesList_Vector inputs;
-  inputs.Add(row);
-  Ptr<CpxExpressionEvaluator_Engine> ev = ctx.GetEvaluator(*row);
-  ev->Reset();
-  ev->Execute(0, &inputs);
-  return ev;
+  return testing::RunRow(ctx, row);
 }
 
 const CpxTuple& Output(const Ptr<CpxExpressionEvaluator_Engine>& ev) {

@@ -53,6 +53,25 @@ inline Ptr<CpxExpressionContext_Engine> Load(const std::string& xml,
   return CpxExpressionContext_Engine::LoadFromString(xml, "test.xml", parent);
 }
 
+// Runs the one-row input `in` through its group's evaluator in `ctx` (Reset,
+// then Execute); returns the evaluator, whose output tuples hold the row's
+// results.
+inline Ptr<CpxExpressionEvaluator_Engine> RunRow(CpxExpressionContext_Engine& ctx,
+                                                 const Ptr<CpxTuple>& in) {
+  CpxTuplesList_Vector inputs;
+  inputs.Add(in);
+  Ptr<CpxExpressionEvaluator_Engine> ev = ctx.GetEvaluator(*in);
+  ev->Reset();
+  ev->Execute(0, &inputs);
+  return ev;
+}
+
+// Field `f` of the evaluator's first output tuple as text, or "NULL".
+inline std::string OutputText(const CpxExpressionEvaluator_Engine& ev, unsigned f = 0) {
+  const CpxTuple& out = *ev.GetOutputTuples()->GetObjectByPos(0);
+  return out.HasFieldValue(f) ? FieldToText(out, f) : "NULL";
+}
+
 // Quiets the log for the lifetime of the object (errors are asserted on
 // through exceptions instead).
 class QuietLog {
