@@ -879,6 +879,8 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
         if (m_source_column < 0) return;
         const unsigned source = static_cast<unsigned>(m_source_column);
         m_source_column = -1;
+        // Each value is in a slot already (the source's), so adding it
+        // neither inserts nor grows: the walk over the slots stays valid.
         Container::ForEachOfColumn(source, [&](Value v, uint32_t n) { Container::Add(v, n); });
       }
     }
