@@ -319,10 +319,51 @@ class CpxMultiplicityMap {
 // The record of a whole value table (see CpxAccumulatorState::Counts): the
 // number of values held once (4 bytes), those values, then each value held
 // more than once with its count (4 bytes), a value as its own bytes.
+// A table that is a shared table's column with the counts of an earlier
+// column is written as a reference to it instead: the word kReference (no
+// record of values starts with it) and the column's number.
 template <class Key>
 class CpxWholeRecord {
  public:
   static constexpr size_t kWidth = sizeof(Key), kPairBytes = kWidth + 4;
+  static constexpr uint32_t kReference = 0xFFFFFFFF;
+
+  // The column a record refers to, when it is a reference.
+  static std::optional<uint32_t> ReferenceOf(std::string_view bytes) {
+    uint32_t word[2];
+    if (bytes.size() != sizeof word) return std::nullopt;
+    std::memcpy(word, bytes.data(), sizeof word);
+    if (word[0] != kReference) return std::nullopt;
+    return word[1];
+  }
+  static std::string_view Reference(uint32_t column, uint32_t (&word)[2]) {
+    word[0] = kReference;
+    word[1] = column;
+    return {reinterpret_cast<const char*>(word), sizeof word};
+  }
+  // Calls add(value, count) for every entry of a record of values; false
+  // when the bytes are not one.
+  template <class Add>
+  static bool Read(std::string_view bytes, Add&& add) {
+    uint32_t singles = 0;
+    if (bytes.size() < 4) return false;
+    std::memcpy(&singles, bytes.data(), 4);
+    const size_t pairs_at = 4 + size_t{singles} * kWidth;
+    if (pairs_at > bytes.size() || (bytes.size() - pairs_at) % kPairBytes != 0) return false;
+    Key key{};
+    for (size_t at = 4; at < pairs_at; at += kWidth) {
+      std::memcpy(&key, bytes.data() + at, kWidth);
+      add(key, 1u);
+    }
+    for (size_t at = pairs_at; at < bytes.size(); at += kPairBytes) {
+      uint32_t n = 0;
+      std::memcpy(&key, bytes.data() + at, kWidth);
+      std::memcpy(&n, bytes.data() + at + kWidth, 4);
+      if (n < 2) return false;
+      add(key, n);
+    }
+    return true;
+  }
 
   // Starts a record of at most `entries` entries.
   void Start(size_t entries) {
@@ -821,8 +862,6 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
    public:
     using Value = typename Access::Value;
     static constexpr uint32_t kWholeMax = 1024;
-    // The first word of a record that refers to another column's table.
-    static constexpr uint32_t kReference = 0xFFFFFFFF;
 
     // Returns the value's new count.
     uint32_t Add(CpxAccumulatorState& state, Batch* batch, Value v) {
@@ -886,30 +925,30 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
     }
 
    private:
-    static constexpr size_t kWidth = sizeof(typename Access::Key);
-    static constexpr size_t kPairBytes = kWidth + 4;
-
     void Changed(CpxAccumulatorState& state, Batch* batch, Value v, uint32_t count) {
       if (!batch) return;
-      if constexpr (CpxSharesCounts<Container>) {
-        // Any change has the shared table write every column (WriteWhole).
-        if (Container::GetSharedTable()) state.DeferCounts(*batch, this, &WriteWhole);
-      }
       if constexpr (!Access::kBytes) {
         const size_t size = Container::Size();
+        bool saved = false;
         if (!m_entries && size > kWholeMax) {
           m_entries = true;
           state.EraseRawBuffer(batch, kItem);
           ForEachEntry([&](Value held, uint32_t n) { Access::SaveCount(state, batch, kItem, held, n); });
-          return;
-        }
-        if (m_entries && size < kWholeMax / 2) {
+          saved = true;
+        } else if (m_entries && size < kWholeMax / 2) {
           m_entries = false;
           state.EraseAllOfItem(batch, kItem);
         }
-        if (!m_entries) return state.DeferCounts(*batch, this, &WriteWhole);
+        // A whole table is written when the batch is, and so is every
+        // column of a shared table, whatever its form (WriteWhole).
+        if (!m_entries || IsShared()) state.DeferCounts(*batch, this, &WriteWhole);
+        if (!m_entries || saved) return;
       }
       Access::SaveCount(state, batch, kItem, v, count);
+    }
+    bool IsShared() const {
+      if constexpr (CpxSharesCounts<Container>) return Container::GetSharedTable() != nullptr;
+      return false;
     }
     template <class Fn>
     void ForEachEntry(Fn&& fn) {
@@ -939,39 +978,22 @@ class CpxAccumulatorState : public CpxExpressionOperatorState_Engine {
       }
     }
     bool LoadWhole(CpxAccumulatorState& state, const PutMessage& message) {
+      using Record = CpxWholeRecord<typename Access::Key>;
       const std::string_view bytes = message.GetKey().GetRawValue();
-      uint32_t singles = 0;
-      if (bytes.size() < 4) return false;
-      std::memcpy(&singles, bytes.data(), 4);
-      if (singles == kReference && bytes.size() == 8) {
+      if (const std::optional<uint32_t> source = Record::ReferenceOf(bytes)) {
         if constexpr (CpxSharesCounts<Container>) {
-          uint32_t source = 0;
-          std::memcpy(&source, bytes.data() + 4, 4);
-          const auto* shared = Container::GetSharedTable();
-          if (!shared || source >= Container::GetColumn()) return false;
-          m_source_column = static_cast<int>(source);
+          if (!Container::GetSharedTable() || *source >= Container::GetColumn()) return false;
+          m_source_column = static_cast<int>(*source);
           m_entries = false;
           state.FinishRestoreLater(this, [](void* counts) { static_cast<Counts*>(counts)->FinishRestore(); });
           return true;
         }
         return false;
       }
-      const size_t pairs_at = 4 + size_t{singles} * kWidth;
-      if (pairs_at > bytes.size() || (bytes.size() - pairs_at) % kPairBytes != 0) return false;
-      typename Access::Key key{};
-      for (size_t at = 4; at < pairs_at; at += kWidth) {
-        std::memcpy(&key, bytes.data() + at, kWidth);
-        Container::Add(Access::View(key), 1);
-      }
-      for (size_t at = pairs_at; at < bytes.size(); at += kPairBytes) {
-        uint32_t n = 0;
-        std::memcpy(&key, bytes.data() + at, kWidth);
-        std::memcpy(&n, bytes.data() + at + kWidth, 4);
-        if (n < 2) return false;
-        Container::Add(Access::View(key), n);
-      }
       m_entries = false;
-      return true;
+      return Record::Read(bytes, [&](const typename Access::Key& key, uint32_t n) {
+        Container::Add(Access::View(key), n);
+      });
     }
     bool m_entries = false;  // one record per entry (else one record for all)
     int m_source_column = -1;  // restored as a reference to this column's counts
@@ -1128,13 +1150,10 @@ void CpxSharedCountTable<Key>::WriteAll(CpxPersistentStorageBatch& batch) {
     }
     unsigned source = 0;
     while (source < c && !(whole(source) && WholeRecord(source).Bytes() == record.Bytes())) ++source;
-    if (source == c) {
-      sharer.state->SaveRawBuffer(&batch, sharer.item, record.Bytes());
-    } else {
-      const uint32_t reference[2] = {0xFFFFFFFF, source};
-      sharer.state->SaveRawBuffer(&batch, sharer.item,
-                                  std::string_view(reinterpret_cast<const char*>(reference), 8));
-    }
+    uint32_t reference[2];
+    sharer.state->SaveRawBuffer(&batch, sharer.item,
+                                source == c ? std::string_view(record.Bytes())
+                                            : CpxWholeRecord<Key>::Reference(source, reference));
   }
 }
 
@@ -1225,12 +1244,8 @@ class CpxSumState final : public CpxAccumulatorState {
   T m_zeros{};
   bool m_flag = false;
  public:
-  // Keeps the value counts in column `column` of the group's shared table
-  // (see CpxExpressionOperator_Engine::ShareCounts).
-  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
-    requires CpxSharesCounts<decltype(m_values)> {
-    m_values.ShareAs(*this, shared, column);
-  }
+  // The value counts, which the executor may give a shared table's column.
+  auto& CountedValues() { return m_values; }
 };
 
 // ---- Avg, AvgDistinct ----
@@ -1297,12 +1312,8 @@ class CpxAvgState final : public CpxAccumulatorState {
   Sum m_sum{};
   Count m_count = 0;
  public:
-  // Keeps the value counts in column `column` of the group's shared table
-  // (see CpxExpressionOperator_Engine::ShareCounts).
-  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
-    requires CpxSharesCounts<decltype(m_values)> {
-    m_values.ShareAs(*this, shared, column);
-  }
+  // The value counts, which the executor may give a shared table's column.
+  auto& CountedValues() { return m_values; }
 };
 
 // ---- Median, MedianDistinct ----
@@ -1443,12 +1454,8 @@ class CpxDeviationState final : public CpxAccumulatorState {
   double m_sum = 0;
   double m_squares = 0;
  public:
-  // Keeps the value counts in column `column` of the group's shared table
-  // (see CpxExpressionOperator_Engine::ShareCounts).
-  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
-    requires CpxSharesCounts<decltype(m_values)> {
-    m_values.ShareAs(*this, shared, column);
-  }
+  // The value counts, which the executor may give a shared table's column.
+  auto& CountedValues() { return m_values; }
 };
 
 // ---- Min, Max and their Distinct forms ----
@@ -1498,12 +1505,8 @@ class CpxExtremeState final : public CpxAccumulatorState {
                                  CpxExtremeMultiplicityMap<In, Order>>;
   Counts<In, Map, 0> m_values;
  public:
-  // Keeps the value counts in column `column` of the group's shared table
-  // (see CpxExpressionOperator_Engine::ShareCounts).
-  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
-    requires CpxSharesCounts<decltype(m_values)> {
-    m_values.ShareAs(*this, shared, column);
-  }
+  // The value counts, which the executor may give a shared table's column.
+  auto& CountedValues() { return m_values; }
 };
 
 // ---- CountDistinct ----
@@ -1536,12 +1539,8 @@ class CpxCountDistinctState final : public CpxAccumulatorState {
   Counts<In, CpxHashedMultiplicityMap<In>, 1> m_values;
   int32_t m_number = 0;
  public:
-  // Keeps the value counts in column `column` of the group's shared table
-  // (see CpxExpressionOperator_Engine::ShareCounts).
-  void ShareCounts(std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column)
-    requires CpxSharesCounts<decltype(m_values)> {
-    m_values.ShareAs(*this, shared, column);
-  }
+  // The value counts, which the executor may give a shared table's column.
+  auto& CountedValues() { return m_values; }
 };
 
 // ---- Last ----
@@ -1631,10 +1630,11 @@ template <class Input, class Out, class StateClass>
 class CpxExpressionOperator_Accumulator_Engine
     : public CpxExpressionOperator_Stateful_Engine<StateClass> {
   using Base = CpxExpressionOperator_Stateful_Engine<StateClass>;
-  static constexpr bool kSharesCounts =
-      requires(StateClass& s, std::unique_ptr<CpxSharedState_Engine>& shared) {
-        s.ShareCounts(shared, 0u);
-      };
+  // Whether the state's value counts can be a column of a shared table
+  // (see CpxExpressionOperator_Engine::ShareCounts).
+  static constexpr bool kSharesCounts = requires(StateClass& s) {
+    requires CpxSharesCounts<std::remove_reference_t<decltype(s.CountedValues())>>;
+  };
 
  public:
   using Base::Base;
@@ -1647,7 +1647,10 @@ class CpxExpressionOperator_Accumulator_Engine
   }
   void ShareCounts(CpxExpressionOperatorState_Engine& state,
                    std::unique_ptr<CpxSharedState_Engine>& shared, unsigned column) const override {
-    if constexpr (kSharesCounts) static_cast<State&>(state).ShareCounts(shared, column);
+    if constexpr (kSharesCounts) {
+      State& s = static_cast<State&>(state);
+      s.CountedValues().ShareAs(s, shared, column);
+    }
   }
   void Execute(CpxExpressionEvaluator_Engine* ev, unsigned position) const override {
     unsigned out_pos = 0, in_pos = 0;
